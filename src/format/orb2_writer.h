@@ -1,0 +1,98 @@
+// Streaming writer of the ORB2 container, for tools and tests.
+//
+// The file is written beside its destination ("<path>.part") and renamed at the end, so a path
+// never holds half a model. Weight data comes first and is streamed; the metadata, tokenizer, text,
+// tensor index (sorted by name) and quantization info follow; header, section table and CRC are
+// written last. Sections and tensors start at multiples of 64 bytes.
+//
+//   ORB2Writer writer;
+//   writer.open("model.orb", /*overwrite=*/false);
+//   writer.beginTensor("output_norm.weight", QuantType::F32, {256});
+//   writer.append(bytes, size);                          // any number of times
+//   writer.endTensor();
+//   writer.addAlias("blk.1.attn_norm.weight", "blk.0.attn_norm.weight");  // shares the bytes
+//   writer.setMeta("general.architecture", "qwen35");
+//   writer.setTokenizer(data);
+//   writer.finish();
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "format/orb2_reader.h"
+#include "format/tokenizer_data.h"
+#include "quant/quant_type.h"
+#include "quant/status.h"
+
+namespace kiv {
+
+// One thread at a time. Messages begin with "ORB2Writer: " and name the file; I/O failures have
+// code IOError, misuse (a second tensor of one name, a size that differs from the shape) code
+// InvalidFormat. After any failure finish() fails too and the temporary file is removed.
+class ORB2Writer {
+ public:
+  ORB2Writer() = default;
+  ~ORB2Writer() { abandon(); }
+  ORB2Writer(const ORB2Writer&) = delete;
+  ORB2Writer& operator=(const ORB2Writer&) = delete;
+
+  // Creates the temporary file. An existing `path` is refused unless `overwrite`.
+  Status open(const std::string& path, bool overwrite);
+
+  // dims[0] is the row length; one to four dimensions. Between begin and end exactly
+  // tensorBytes(type, dims) bytes are appended.
+  Status beginTensor(std::string_view name, QuantType type, const std::vector<uint64_t>& dims);
+  Status append(const void* data, uint64_t size);
+  Status endTensor();
+
+  // A further index entry for the bytes, type and shape of a finished tensor.
+  Status addAlias(std::string_view name, std::string_view existing);
+
+  void setHeaderWords(uint64_t a, uint64_t b, uint64_t c);
+  void setMeta(std::string_view key, std::string_view value);
+  void setMeta(std::string_view key, uint32_t value);
+  void setMeta(std::string_view key, uint64_t value);
+  void setMeta(std::string_view key, float value);
+  void setTokenizer(const TokenizerData& data);
+  void setText(std::string_view text);
+
+  // Writes the remaining sections and the header, flushes to disk and renames.
+  Status finish();
+
+  // Closes and removes the temporary file; what a destructor or an interrupt does.
+  void abandon();
+
+  // Bytes written so far, for progress displays.
+  uint64_t bytesWritten() const { return position_; }
+
+  // Bytes of a tensor: whole-block rows times their number.
+  static uint64_t tensorBytes(QuantType type, const std::vector<uint64_t>& dims);
+
+ private:
+  Status write(const void* data, uint64_t size);
+  Status padTo(uint64_t alignment);
+  Status writeSection(orb2::SectionType type, const std::vector<uint8_t>& body);
+  Status fail(Status status);
+  void appendMeta(std::string_view key, orb2::MetaType type, const void* value, size_t size);
+
+  std::string path_;
+  std::string partPath_;
+  std::FILE* file_ = nullptr;
+  Status error_;
+  uint64_t position_ = 0;
+  uint64_t weightStart_ = 0;
+  uint64_t expectedEnd_ = 0;
+  bool inTensor_ = false;
+  std::vector<orb2::TensorIndexEntry> index_;
+  std::vector<orb2::SectionEntry> sections_;
+  orb2::FileHeader header_{};
+  std::vector<uint8_t> meta_;
+  uint32_t metaCount_ = 0;
+  std::vector<uint8_t> tokenizer_;
+  std::string text_;
+};
+
+}  // namespace kiv
