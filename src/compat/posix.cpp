@@ -7,7 +7,7 @@
 
 int orbCompatGetcwd(char* buffer, int64_t size) {
   if (buffer == nullptr || size <= 0) return -1;
-  return getcwd(buffer, static_cast<size_t>(size)) != nullptr ? 0 : -1;
+  return getcwd(buffer, static_cast<size_t>(size) + 1) != nullptr ? 0 : -1;
 }
 
 int orbCompatIsatty(int fd) { return isatty(fd); }
