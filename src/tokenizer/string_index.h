@@ -1,6 +1,7 @@
 // Hash index over a vector of byte strings that it does not own: exact match, lowest position wins.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -21,8 +22,19 @@ class StringIndex {
   int32_t findPair(std::string_view left, std::string_view right) const;
 
  private:
+  struct Slot {
+    uint32_t entry = 0;  // position + 1, 0 when free
+    uint32_t tag = 0;    // hash bits that settle most comparisons without touching the string
+  };
+
+  uint64_t extendHash(uint64_t hash, std::string_view text) const;
+  size_t firstSlot(uint64_t hash) const;
+
   const std::vector<std::string>* strings_ = nullptr;
-  std::vector<uint32_t> slots_;  // position + 1, 0 when free; open addressing, power of two
+  std::vector<Slot> slots_;  // open addressing with linear probing, a power of two
+  uint64_t base_ = 0;
+  int shift_ = 0;
+  size_t longest_ = 0;
 };
 
 }  // namespace kiv

@@ -11,9 +11,12 @@
 #include "compat/export.h"
 #include "format/tokenizer_data.h"
 #include "quant/status.h"
+#include "tokenizer/special_matcher.h"
 #include "tokenizer/string_index.h"
 
 namespace kiv {
+
+class BpeMerger;
 
 // Every byte 0x20 becomes U+2581 (E2 96 81); other bytes stay.
 ORB_API void escapeWhitespace(std::string& text);
@@ -66,12 +69,13 @@ class ORB_API Tokenizer {
   int32_t eosId() const { return specialIds_[1]; }
   int32_t unknownId() const { return specialIds_[2]; }
   int32_t paddingId() const { return specialIds_[3]; }
-  // The special tokens in matching order: longest first, then bytes, then id.
-  const std::vector<std::pair<std::string, int32_t>>& specials() const { return specials_; }
+  // The special tokens in matching order: longest first, then bytes, then id. The views live as
+  // long as the tokenizer, or until the next load().
+  const std::vector<std::pair<std::string_view, int32_t>>& specials() const { return specials_; }
 
  private:
   bool isSpecial(int32_t id) const;
-  const std::pair<std::string, int32_t>* matchSpecial(std::string_view rest) const;
+  void mergePiece(std::string_view piece, BpeMerger& merger, std::vector<int32_t>& ids) const;
 
   bool byteLevel_ = false;
   std::vector<std::string> tokens_;
@@ -83,8 +87,8 @@ class ORB_API Tokenizer {
   std::string model_;
   StringIndex tokenIndex_;
   StringIndex mergeRank_;
-  std::vector<std::pair<std::string, int32_t>> specials_;
-  std::array<std::vector<uint32_t>, 256> specialsByFirstByte_;
+  std::vector<std::pair<std::string_view, int32_t>> specials_;
+  SpecialMatcher specialMatcher_;
 };
 
 }  // namespace kiv
