@@ -17,7 +17,7 @@ IM_START, IM_END, END_OF_TEXT = "<|im_start|>", "<|im_end|>", "<|endoftext|>"
 UNKNOWN = "\ufffd"
 SPECIALS = [IM_START, IM_END, END_OF_TEXT]
 PRINTABLE = [chr(code) for code in range(0x21, 0x7F)]
-TYPE_NORMAL, TYPE_UNKNOWN, TYPE_CONTROL = 1, 1, 3
+TYPE_NORMAL, TYPE_SPECIAL = 1, 3
 
 _CHUNK = re.compile(f"{SPACE}?[A-Za-z]+|{SPACE}?[0-9]|{SPACE}?[^A-Za-z0-9{SPACE}]+|{SPACE}")
 
@@ -83,7 +83,7 @@ class Tokenizer:
         """Builds a vocabulary: specials, unknown, newline, U+2581, printable ASCII, merge products."""
         merges = learn_merges(texts, merge_count)
         tokens = SPECIALS + [UNKNOWN, "\n", SPACE] + PRINTABLE
-        types = [TYPE_CONTROL] * len(SPECIALS) + [TYPE_UNKNOWN] + [TYPE_NORMAL] * (len(tokens) - 4)
+        types = [TYPE_SPECIAL] * len(SPECIALS) + [TYPE_NORMAL] * (len(tokens) - len(SPECIALS))
         known = set(tokens)
         for left, right in merges:
             if left + right not in known:
