@@ -28,9 +28,9 @@ struct SynthOptions {
   uint64_t ffn = 512;
   uint64_t vocabulary = 512;     // embedding rows = tokens, at least kSynthMinVocabulary
   std::string pattern = "lllf";  // 'l' linear, 'f' full; repeated over the 32 blocks
-  // One set of weights for all linear blocks and one for all full blocks; the index entries of the
-  // later blocks point to the bytes of the first.
-  bool shared = false;
+  // One set of weights for all linear blocks and one for all full blocks: the index entries of the
+  // later blocks point to the bytes of the first, and the file is 16 times smaller.
+  bool shared = true;
   bool biases = false;       // q/k/v biases in the full blocks
   uint32_t queryHeads = 16;  // 1 to 16; fewer mean fewer rows in q/k/v (four share one k/v head)
   uint32_t valueHeads = 32;  // 1 to 32; fewer mean fewer rows in the linear blocks' projections
