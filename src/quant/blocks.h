@@ -5,7 +5,7 @@
 //   Q8_0, 34 bytes: d, 32 signed codes; value = code * d.
 //
 // Quantizers write ceil(n / 32) blocks, elements beyond n count as 0. Dequantizers write exactly
-// n floats. Source and destination may have any alignment and must not overlap.
+// n floats. The encoded side may have any alignment; source and destination do not overlap.
 #pragma once
 
 #include <cstdint>

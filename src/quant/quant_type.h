@@ -33,7 +33,8 @@ namespace quant {
 // Elements of one block; 0 for an unknown type.
 ORB_API uint64_t blockElements(QuantType type);
 
-// Bytes of one row of n elements, rounded up to whole blocks; 0 for an unknown type.
+// Bytes of one row of n elements, rounded up to whole blocks; 0 for an unknown type. Modulo 2^64:
+// a caller with a hostile n compares it with the file size first.
 ORB_API uint64_t quantizedBytes(QuantType type, uint64_t n);
 
 // The same for the 256-element types only (Q4_K, Q5_K, Q6_K, IQ4_XS); 0 for every other type.
