@@ -16,7 +16,6 @@ namespace kiv::quant {
 namespace {
 
 constexpr uint8_t kUntouched = 0xA5;
-constexpr float kUntouchedFloat = -12345.0f;
 
 uint16_t halfAt(const std::vector<uint8_t>& bytes, size_t offset) {
   uint16_t bits = 0;
@@ -86,6 +85,18 @@ TEST(Q80Test, TheLargestMagnitudeGetsCode127) {
 
 TEST(Q80Test, ZerosGetScaleZeroAndZeroCodes) {
   for (const uint8_t byte : encodeQ80(std::vector<float>(32, 0.0f))) EXPECT_EQ(byte, 0);
+}
+
+TEST(Q80Test, RoundTripStaysWithinHalfAStep) {
+  const auto row = randomRow(32 * 50, 7, 0.1f);
+  const auto bytes = encodeQ80(row);
+  std::vector<float> back(row.size());
+  dequantQ80(bytes.data(), back.data(), back.size());
+  for (size_t i = 0; i < row.size(); ++i) {
+    const float d = f16ToF32(halfAt(bytes, i / 32 * 34));
+    // Half a step, and the rounding of the scale itself times the largest code.
+    ASSERT_NEAR(back[i], row[i], d * (0.5f + 127.0f / 2048)) << i;
+  }
 }
 
 }  // namespace
