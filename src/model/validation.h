@@ -1,8 +1,9 @@
 // The check of memory safety that a model file passes before its first weight is read: every tensor
-// that the forward pass uses lies inside its weight section, has a type usable for its role, a shape
-// that fits the fixed work arrays, and rows of whole blocks. A model that passes is never looked at
-// again. It is not a matter of taste: a projection may have fewer rows than the fixed sizes (the
-// missing heads stay zero) or shorter rows than the array it reads; it may never have more.
+// that the forward pass uses lies inside its weight section, has a type usable for its role, a
+// shape that fits the fixed work arrays, and rows of whole blocks. A model that passes is never
+// looked at again. It is not a matter of taste: a projection may have fewer rows than the fixed
+// sizes (the missing heads stay zero) or shorter rows than the array it reads; it may never have
+// more.
 #pragma once
 
 #include <cstddef>

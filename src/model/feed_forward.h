@@ -1,0 +1,12 @@
+// The gated feed-forward step of a block.
+#pragma once
+
+#include "compat/export.h"
+#include "model/model.h"
+
+namespace qwen35 {
+
+// out[hidden] = W_down (silu(W_gate x) * (W_up x)), x[hidden]; out is overwritten.
+ORB_API void ffnStep(Model& model, Layer& layer, const float* x, float* out);
+
+}  // namespace qwen35

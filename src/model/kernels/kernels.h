@@ -1,0 +1,76 @@
+// The kernel table: every loop of the forward pass that is worth vector units, as plain function
+// pointers. Each tier implements the whole table; the scalar tier is the definition of the results
+// (kernels/scalar.cpp), the others may reorder sums and fuse steps within the bound
+//   |y - y_ref| <= 2^-14 * sum |w_i x_i|,  y_ref in double.
+//
+// Every row of a product is computed by itself, in an order that depends on nothing but its length:
+// on one tier the result of a row has the same bits whatever the split of the rows into calls.
+//
+// Tier files are built with -m flags and include nothing but <cstddef>, <cstdint>, the intrinsics
+// header and this one, so that no inline function compiled with wide instructions can replace the
+// baseline copy of the program.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qwen35 {
+
+// y[r] += (row r) . x for r < rowCount; row r starts rowBytes * r bytes after `rows`, any
+// alignment. cols is a multiple of the type's block, except in the scalar tier, which takes any.
+using GemvKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                            const float* x, float* y);
+
+// Full attention: four query heads of 256 share one key/value head.
+inline constexpr size_t kGroupHeads = 4;
+inline constexpr size_t kHeadSize = 256;
+
+// Positions of one attention run: its keys and values (256 KiB each) stay in a core's own cache,
+// and the split of a context into runs does not depend on the number of threads.
+inline constexpr size_t kAttentionRun = 256;
+
+// The queries of one group against one run of cached positions.
+struct AttentionRun {
+  const float* queries;  // [kGroupHeads][kHeadSize]
+  const float* keys;     // [count][kHeadSize]
+  const float* values;   // [count][kHeadSize]
+  size_t count;          // 1 to kAttentionRun
+  float scale;           // of query . key
+};
+
+// Softmax of one run, not yet normalised. For query h, with s_t = scale * (q_h . k_t):
+struct AttentionPart {
+  float maximum[kGroupHeads];              // max s_t
+  float sum[kGroupHeads];                  // sum of exp(s_t - maximum)
+  float weighted[kGroupHeads][kHeadSize];  // sum of exp(s_t - maximum) * v_t
+};
+
+struct KernelTable {
+  const char* name;           // "scalar", "avx2", "avx512"
+  uint32_t requiredFeatures;  // compat::CpuFeature bits
+
+  // By kiv::QuantType; null for the types that no matrix may have.
+  GemvKernel gemv[9];
+
+  float (*dot)(const float* a, const float* b, size_t n);
+
+  // out[i] = x[i] / (exp(-x[i]) + 1); out may be x.
+  void (*silu)(const float* x, float* out, size_t n);
+
+  // out[i] = 1 / (exp(-x[i]) + 1); out may be x.
+  void (*sigmoid)(const float* x, float* out, size_t n);
+
+  void (*attend)(const AttentionRun& run, AttentionPart& part);
+
+  // One gated delta-rule update of the d x d matrix `state` (key index major), d a multiple of 16
+  // and at most 128. With S = decay * state: m_j = sum k_i S_ij, delta_j = (v_j - m_j) * beta,
+  // S_ij += k_i * delta_j, v_j = scale * sum q_i S_ij.
+  void (*deltaStep)(float* state, const float* q, const float* k, float* v, float beta, size_t d,
+                    float decay, float scale);
+};
+
+extern const KernelTable kScalarKernels;
+extern const KernelTable kAvx2Kernels;
+extern const KernelTable kAvx512Kernels;
+
+}  // namespace qwen35

@@ -1,0 +1,123 @@
+#include "model/weight_rows.h"
+
+#include <algorithm>
+
+#include "model/kernels/kernel_table.h"
+#include "model/numeric_kernels.h"
+#include "quant/blocks.h"
+#include "quant/k_blocks.h"
+
+namespace qwen35 {
+
+using kiv::QuantType;
+
+namespace {
+
+constexpr size_t kPieceBytes = 32 * 1024;
+constexpr size_t kLineFloats = 16;
+
+const KernelTable& kernelsOf(const Model& model) {
+  return model.kernels != nullptr ? *model.kernels : selectKernels(nullptr);
+}
+
+// The scalar tier serves rows that are not whole blocks; no bound model has any.
+GemvKernel kernelFor(const KernelTable& kernels, QuantType type, uint64_t cols) {
+  const uint64_t block = kiv::quant::blockElements(type);
+  const KernelTable& table = block != 0 && cols % block == 0 ? kernels : kScalarKernels;
+  return table.gemv[static_cast<size_t>(type)];
+}
+
+bool isSuperBlock(QuantType type) {
+  return type == QuantType::Q4_K || type == QuantType::Q5_K || type == QuantType::Q6_K;
+}
+
+}  // namespace
+
+uint64_t rowCount(const kiv::TensorView& tensor) {
+  uint64_t rows = 1;
+  for (size_t i = 1; i < std::min<size_t>(tensor.ndims, 4); ++i) rows *= tensor.dims[i];
+  return rows;
+}
+
+uint64_t rowStride(QuantType type, uint64_t n) {
+  switch (type) {
+    case QuantType::F32:
+    case QuantType::BF16:
+    case QuantType::Q8_0:
+    case QuantType::Q4_K:
+    case QuantType::Q5_K:
+    case QuantType::Q6_K: {
+      const uint64_t block = kiv::quant::blockElements(type);
+      return kiv::quant::quantizedBytes(type, n - n % block);
+    }
+    default:
+      return 0;
+  }
+}
+
+void rowToF32(const kiv::TensorView* tensor, size_t row, size_t n, float* out) {
+  const auto type = static_cast<QuantType>(tensor->type);
+  const uint64_t stride = rowStride(type, n);
+  if (stride == 0) return;
+  const uint8_t* source = tensor->data + row * stride;
+  switch (type) {
+    case QuantType::F32:
+      std::copy_n(source, n * sizeof(float), reinterpret_cast<uint8_t*>(out));
+      return;
+    case QuantType::BF16:
+      for (size_t i = 0; i < n; ++i) {
+        uint16_t bits = 0;
+        std::copy_n(source + 2 * i, sizeof bits, reinterpret_cast<uint8_t*>(&bits));
+        out[i] = bf16ToF32(bits);
+      }
+      return;
+    case QuantType::Q8_0:
+      return kiv::quant::dequantQ80(source, out, n);
+    case QuantType::Q4_K:
+      return kiv::quant::dequantQ4K(source, out, n);
+    case QuantType::Q5_K:
+      return kiv::quant::dequantQ5K(source, out, n);
+    case QuantType::Q6_K:
+      return kiv::quant::dequantQ6K(source, out, n);
+    default:
+      return;
+  }
+}
+
+size_t rowsPerPiece(size_t rowBytes) {
+  const size_t rows = kPieceBytes / std::max<size_t>(rowBytes, 1);
+  return std::max(kLineFloats, rows / kLineFloats * kLineFloats);
+}
+
+void prepare(Model& model, Product& product) {
+  const kiv::TensorView& W = *product.W;
+  const auto type = static_cast<QuantType>(W.type);
+  product.rows = rowCount(W);
+  product.rowBytes = rowStride(type, W.dims[0]);
+  if (product.rowBytes != 0) product.kernel = kernelFor(kernelsOf(model), type, W.dims[0]);
+  if (model.matVecHook != nullptr && model.matVecContext != nullptr && isSuperBlock(type)) {
+    product.done = model.matVecHook(model.matVecContext, &W, product.x, product.y);
+  }
+  // A type that no weight may have adds nothing; binding refuses it.
+  if (product.kernel == nullptr) product.done = true;
+}
+
+void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y) {
+  Product products[] = {{W, x, y}};
+  runProducts(model, products, [](size_t, size_t, size_t) {});
+}
+
+void addProduct(const KernelTable& kernels, QuantType type, const void* rows, size_t count,
+                size_t cols, const float* x, float* y) {
+  const size_t rowBytes = rowStride(type, cols);
+  const size_t step = rowsPerPiece(rowBytes);
+  const GemvKernel kernel = kernels.gemv[static_cast<size_t>(type)];
+  const auto* bytes = static_cast<const uint8_t*>(rows);
+  parallelPieces((count + step - 1) / step, [&](size_t piece) {
+    const size_t first = piece * step;
+    const size_t n = std::min(step, count - first);
+    kernel(bytes + first * rowBytes, rowBytes, n, cols, x, y + first);
+  });
+}
+
+}  // namespace qwen35

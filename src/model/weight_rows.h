@@ -1,0 +1,84 @@
+// Access to weights where they lie in the mapped file: one row as floats, or a whole tensor as the
+// matrix of a product. A tensor is a row-major matrix whose row length is dims[0] and whose row
+// count is the product of the other dimensions.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "compat/export.h"
+#include "format/tensor_view.h"
+#include "model/kernels/kernels.h"
+#include "model/model.h"
+#include "model/parallel.h"
+#include "quant/quant_type.h"
+
+namespace qwen35 {
+
+// Product of dims[1..ndims-1]; 1 for fewer than two dimensions.
+ORB_API uint64_t rowCount(const kiv::TensorView& tensor);
+
+// Bytes from row to row of n elements, whole blocks only (rounded down); 0 for a type that no
+// weight of this model may have (F16, Q4_0, IQ4_XS).
+ORB_API uint64_t rowStride(kiv::QuantType type, uint64_t n);
+
+// Converts n elements of the row to floats. Writes nothing for a type without a stride or a row
+// shorter than one block.
+ORB_API void rowToF32(const kiv::TensorView* tensor, size_t row, size_t n, float* out);
+
+// y[r] += (row r of W) . x for every row; x has dims[0] floats. Uses the model's hook and kernels.
+ORB_API void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y);
+
+// y += W x over a plain row-major matrix of the type, spread over threads.
+void addProduct(const KernelTable& kernels, kiv::QuantType type, const void* rows, size_t count,
+                size_t cols, const float* x, float* y);
+
+// One product of a group that shares a parallel region.
+struct Product {
+  const kiv::TensorView* W;
+  const float* x;     // [dims[0]]
+  float* y;           // [rows], added to
+  bool done = false;  // by the model's hook
+
+  size_t rows = 0;
+  size_t rowBytes = 0;
+  GemvKernel kernel = nullptr;
+};
+
+// Rows of one piece: about 32 KiB of weights, in whole cache lines of y.
+size_t rowsPerPiece(size_t rowBytes);
+
+// Looks up kernels and sizes, and offers the product to the model's hook.
+void prepare(Model& model, Product& product);
+
+inline void addRows(const Product& product, size_t first, size_t last) {
+  if (product.done || first >= last) return;
+  const auto* rows = product.W->data + first * product.rowBytes;
+  product.kernel(rows, product.rowBytes, last - first, product.W->dims[0], product.x,
+                 product.y + first);
+}
+
+// Adds every product into its y in one parallel region, then hands each finished run of rows to
+// finish(productIndex, firstRow, lastRow) on the thread that computed it.
+template <size_t kCount, typename Finish>
+void runProducts(Model& model, Product (&products)[kCount], const Finish& finish) {
+  size_t firstPiece[kCount + 1] = {};
+  for (size_t p = 0; p < kCount; ++p) {
+    prepare(model, products[p]);
+    const size_t step = rowsPerPiece(products[p].rowBytes);
+    firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
+  }
+  parallelPieces(firstPiece[kCount], [&](size_t piece) {
+    size_t p = 0;
+    while (piece >= firstPiece[p + 1]) ++p;
+    const Product& product = products[p];
+    const size_t step = rowsPerPiece(product.rowBytes);
+    const size_t first = (piece - firstPiece[p]) * step;
+    const size_t last = std::min(first + step, product.rows);
+    addRows(product, first, last);
+    finish(p, first, last);
+  });
+}
+
+}  // namespace qwen35
