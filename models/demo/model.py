@@ -143,19 +143,20 @@ def rope(x):
 class DemoModel(nn.Module):
     """Embedding, the active blocks, final norm; the embedding is also the output projection."""
 
-    def __init__(self, vocabulary):
+    def __init__(self, vocabulary, active=ACTIVE):
         super().__init__()
+        self.active = active
         self.embedding = nn.Parameter(torch.randn(vocabulary, HIDDEN) * 0.06)
         self.linear, self.full = LinearMixer(), FullMixer()
         self.linear_ffn, self.full_ffn = FeedForward(), FeedForward()
-        self.attn_norm = nn.ParameterDict({str(i): nn.Parameter(torch.ones(HIDDEN)) for i in ACTIVE})
-        self.post_norm = nn.ParameterDict({str(i): nn.Parameter(torch.ones(HIDDEN)) for i in ACTIVE})
+        self.attn_norm = nn.ParameterDict({str(i): nn.Parameter(torch.ones(HIDDEN)) for i in active})
+        self.post_norm = nn.ParameterDict({str(i): nn.Parameter(torch.ones(HIDDEN)) for i in active})
         self.output_norm = nn.Parameter(torch.ones(HIDDEN))
 
     def hidden(self, ids):
         """Token ids [batch, length] to normalised final hidden states [batch, length, hidden]."""
         x = F.embedding(ids, self.embedding)
-        for block in ACTIVE:
+        for block in self.active:
             mixer, ffn = ((self.full, self.full_ffn) if is_full(block)
                           else (self.linear, self.linear_ffn))
             x = x + mixer(rms_norm(x, self.attn_norm[str(block)]))

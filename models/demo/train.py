@@ -76,7 +76,7 @@ def restore(matrices, saved):
             weight.copy_(old)
 
 
-def run_exam(model, tokenizer, pairs):
+def wrong_answers(model, tokenizer, pairs):
     """Returns the questions whose greedy answer would differ from the written one.
 
     An answer is exact when every one of its tokens is the most likely one given the correct ones before.
@@ -84,7 +84,7 @@ def run_exam(model, tokenizer, pairs):
     failed = []
     encoded = [corpus_module.encode_turns(tokenizer, [pair], context_weight=0.0) for pair in pairs]
     order = sorted(range(len(pairs)), key=lambda i: len(encoded[i][0]))
-    with torch.no_grad(), autocast():
+    with torch.no_grad():
         for start in range(0, len(order), 24):
             chosen = order[start:start + 24]
             ids, targets, weights = collate([encoded[i] for i in chosen], tokenizer.pad)
@@ -177,7 +177,8 @@ class Run:
     def report(self):
         """Logs how many questions are answered exactly."""
         for name, pairs in [("exact answers", self.exam), ("exact answers to unseen wordings", self.unseen)]:
-            failed = run_exam(self.model, self.tokenizer, pairs)
+            with autocast():
+                failed = wrong_answers(self.model, self.tokenizer, pairs)
             self.log(f"{name}: {len(pairs) - len(failed)} of {len(pairs)}"
                      + (f"; wrong: {'; '.join(failed[:12])}" if failed else ""))
 

@@ -12,6 +12,8 @@ import json
 import sys
 from pathlib import Path
 
+import numpy as np
+
 ROOT = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "reference"))
 
@@ -34,11 +36,24 @@ def state(hidden, logits):
     return {"hidden": digits(hidden), "logits": digits(logits)}
 
 
+class MarginModel(orb_reference.Model):
+    """The reference, noting how close the greedy choices are."""
+
+    smallest = float("inf")
+
+    def logits(self, hidden):
+        scores = super().logits(hidden)
+        second, best = np.partition(scores, -2)[-2:]
+        self.smallest = min(self.smallest, best - second)
+        return scores
+
+
 def run_case(model, kind, texts):
     """Runs one case on the shipped model; returns its turns."""
     model.reset()
     turns = []
     for text in texts:
+        model.smallest = float("inf")
         ids, hidden, logits, answer = (model.chat_turn if kind == "chat" else model.completion)(text)
         turns.append({
             "text": text,
@@ -46,6 +61,7 @@ def run_case(model, kind, texts):
             "prompt_ids": ids,
             "answer_ids": answer,
             "answer": model.tokenizer.decode(answer).decode(),
+            "smallest_margin": float(f"{model.smallest:.4g}"),
             "shipped": state(hidden, logits),
         })
     return turns
@@ -91,7 +107,7 @@ def main():
     old = {}
     if OUT.exists():
         old = {case["name"]: case["turns"] for case in json.loads(OUT.read_text())["cases"]}
-    shipped = orb_reference.Model(args.model)
+    shipped = MarginModel(args.model)
     float32 = orb_reference.Model(args.float32) if args.float32 else None
     cases = []
     for name, kind, texts in CASES:
@@ -101,7 +117,8 @@ def main():
         else:
             keep_float32(name, turns, old)
         cases.append({"name": name, "kind": kind, "turns": turns})
-        print(f"{name}: {turns[-1]['answer']}")
+        for turn in turns:
+            print(f"{name}: margin {turn['smallest_margin']}: {turn['text']} -> {turn['answer']}")
     data = Path(args.model).read_bytes()
     OUT.write_text(to_json({"model": "models/demo.orb", "model_bytes": len(data),
                             "model_sha256": hashlib.sha256(data).hexdigest(),
