@@ -110,7 +110,8 @@ struct TensorEntryView {
 };
 
 // Threads: one thread opens and closes; between the two, const members may be called from any.
-// Everything that points into the file becomes invalid at close().
+// Everything that points into the file becomes invalid at close(). Nobody may shorten the file in
+// between: the operating system answers a read behind its end with a signal.
 class ORB_API ORB2Reader {
  public:
   // Owned copy of one metadata entry; only the field that belongs to `type` is filled.
@@ -181,20 +182,18 @@ class ORB_API ORB2Reader {
   bool opened() const { return opened_; }
 
  private:
-  struct MetaEntry : MetaEntryView {
-    uint64_t arrayCount = 0;
-  };
-
-  Status validate();
+  Status map(const char* path, bool largeFiles);
+  Status checkHeader();
+  Status checkTable();
   Status checkSections() const;
-  const MetaEntry* findMeta(const char* key, orb2::MetaType type) const;
+  const MetaEntryView* findMeta(const char* key, orb2::MetaType type) const;
 
   orb2::FileHeader header_{};
   const orb2::SectionEntry* sections_ = nullptr;
   const uint8_t* base_ = nullptr;
   uint64_t length_ = 0;
   int32_t fd_ = -1;
-  std::vector<MetaEntry> meta_;
+  std::vector<MetaEntryView> meta_;
   std::vector<orb2::QuantInfoRecord> quantInfo_;
   bool opened_ = false;
 };

@@ -6,7 +6,8 @@
 
 namespace kiv {
 
-// The tensor's quantization-info record. Carried, not interpreted; a to e are zero without a record.
+// The tensor's quantization-info record. Carried, not interpreted; a to e are zero without a
+// record.
 struct QuantParams {
   uint16_t type = 0;  // same as TensorView::type
   uint16_t a = 0;
