@@ -11,7 +11,7 @@ namespace qwen35 {
 namespace {
 
 constexpr size_t kWidth = 16;            // floats of one register
-constexpr size_t kPrefetchAhead = 1024;  // bytes
+constexpr size_t kPrefetchAhead = 4096;  // bytes
 
 inline void prefetch(const uint8_t* at) {
   _mm_prefetch(reinterpret_cast<const char*>(at + kPrefetchAhead), _MM_HINT_T0);
@@ -101,34 +101,47 @@ float dotQ80Row(const uint8_t* row, size_t cols, const float* x) {
   return total(acc);
 }
 
-// d * sc and dmin * m of the eight sub-blocks of a Q4_K or Q5_K block.
-struct SubBlockScales {
-  alignas(32) float scale[8];
-  alignas(32) float minimum[8];
-};
-
-inline SubBlockScales unpackScales(const uint8_t* block) {
-  uint32_t words[3];
-  __builtin_memcpy(words, block + 4, sizeof words);
-  const uint32_t scLow = words[0] & 0x3f3f3f3fu;
-  const uint32_t mLow = words[1] & 0x3f3f3f3fu;
-  const uint32_t scHigh = (words[2] & 0x0f0f0f0fu) | (((words[0] >> 6) & 0x03030303u) << 4);
-  const uint32_t mHigh = ((words[2] >> 4) & 0x0f0f0f0fu) | (((words[1] >> 6) & 0x03030303u) << 4);
-  const auto toFloats = [](uint32_t low, uint32_t high) {
-    const uint64_t bytes = (uint64_t{high} << 32) | low;
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<int64_t>(bytes))));
-  };
-  SubBlockScales result;
-  const __m256 d = _mm256_set1_ps(halfAt(block));
-  const __m256 dmin = _mm256_set1_ps(halfAt(block + 2));
-  _mm256_store_ps(result.scale, _mm256_mul_ps(d, toFloats(scLow, scHigh)));
-  _mm256_store_ps(result.minimum, _mm256_mul_ps(dmin, toFloats(mLow, mHigh)));
-  return result;
+// Makes the compiler believe that `memory` may have changed. Values that are stored once and read
+// back one by one by broadcasting or widening loads cost no shuffle; without this the compiler
+// replaces the loads by shuffles, of which one fits in a cycle.
+template <typename T>
+inline void keepInMemory(T& memory) {
+  __asm__("" : "+m"(memory));
 }
 
-// The values of codes first..first + 15 in sub-block j.
+// The sixteen bytes of a register's low quarter, one to a lane.
+inline __m512i bytesToLanes(__m128i bytes) { return _mm512_cvtepu8_epi32(bytes); }
+
+// d * sc and dmin * m of the eight sub-blocks of a Q4_K or Q5_K block: 0-7 scales, 8-15 minimums.
+struct SubBlockScales {
+  alignas(64) float value[16];
+
+  explicit SubBlockScales(const uint8_t* block) {
+    const __m128i head = load16(block);  // d, dmin, then the twelve packed bytes
+    // Lanes 0-3: the low six bits of bytes 0-3 are the scale; lanes 4-7: the low nibble of bytes
+    // 8-11 with bits 6-7 of bytes 0-3 above it; likewise 8-15 with bytes 4-7 and the high nibble.
+    const __m128i lowBytes = _mm_shuffle_epi8(
+        head, _mm_setr_epi8(4, 5, 6, 7, 12, 13, 14, 15, 8, 9, 10, 11, 12, 13, 14, 15));
+    const __m128i highBytes = _mm_shuffle_epi8(
+        head, _mm_setr_epi8(-1, -1, -1, -1, 4, 5, 6, 7, -1, -1, -1, -1, 8, 9, 10, 11));
+    const __m512i shift = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 4, 4, 4);
+    const __m512i lowMask =
+        _mm512_setr_epi32(63, 63, 63, 63, 15, 15, 15, 15, 63, 63, 63, 63, 15, 15, 15, 15);
+    const __m512i low = _mm512_and_si512(_mm512_srlv_epi32(bytesToLanes(lowBytes), shift), lowMask);
+    const __m512i high = _mm512_srli_epi32(bytesToLanes(highBytes), 2);
+    const __m512i codes =
+        _mm512_ternarylogic_epi32(low, high, _mm512_set1_epi32(0x30), 0xf8);  // low | (high & 48)
+    const __m512i which = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
+    const __m512 d = _mm512_permutexvar_ps(which, _mm512_castps128_ps512(_mm_cvtph_ps(head)));
+    _mm512_store_ps(value, _mm512_mul_ps(d, _mm512_cvtepi32_ps(codes)));
+    keepInMemory(value);
+  }
+};
+
+// The values of the given codes in sub-block j.
 inline __m512 codeValues(const SubBlockScales& scales, size_t j, __m512 codes) {
-  return _mm512_fmsub_ps(codes, _mm512_set1_ps(scales.scale[j]), _mm512_set1_ps(scales.minimum[j]));
+  return _mm512_fmsub_ps(codes, _mm512_set1_ps(scales.value[j]),
+                         _mm512_set1_ps(scales.value[8 + j]));
 }
 
 inline __m512 codesFrom(float first) {
@@ -140,15 +153,15 @@ float dotQ4kRow(const uint8_t* row, size_t cols, const float* x) {
   __m512 acc[4] = {};
   const __m512 codes = codesFrom(0);
   for (size_t at = 0; at < cols; at += 256, row += 144) {
-    const SubBlockScales scales = unpackScales(row);
+    const SubBlockScales scales(row);
     prefetch(row);
     prefetch(row + 64);
     for (size_t c = 0; c < 4; ++c, x += 64) {
       const __m512 lowTable = codeValues(scales, 2 * c, codes);
       const __m512 highTable = codeValues(scales, 2 * c + 1, codes);
       // A permute reads the low four bits of each lane only, so the nibbles need no mask.
-      const __m512i first = _mm512_cvtepu8_epi32(load16(row + 16 + 32 * c));
-      const __m512i second = _mm512_cvtepu8_epi32(load16(row + 32 + 32 * c));
+      const __m512i first = bytesToLanes(load16(row + 16 + 32 * c));
+      const __m512i second = bytesToLanes(load16(row + 32 + 32 * c));
       acc[0] = _mm512_fmadd_ps(_mm512_permutexvar_ps(first, lowTable), _mm512_loadu_ps(x), acc[0]);
       acc[1] =
           _mm512_fmadd_ps(_mm512_permutexvar_ps(second, lowTable), _mm512_loadu_ps(x + 16), acc[1]);
@@ -161,69 +174,88 @@ float dotQ4kRow(const uint8_t* row, size_t cols, const float* x) {
   return total(acc);
 }
 
-// Sixteen Q5_K weights: the low four bits of each lane of `nibbles`, bit `kBit` of `fifths`.
-template <unsigned kBit>
-inline __m512 q5Values(__m512i nibbles, __m512i fifths, __m512 table, __m512 tableFrom16) {
-  const __m512i shifted =
-      kBit < 4 ? _mm512_slli_epi32(fifths, 4 - (kBit & 3)) : _mm512_srli_epi32(fifths, kBit - 4);
-  // Low four bits from the nibbles, the rest from the shifted bits (bit 4 is the one that counts).
-  const __m512i index = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x0f), nibbles, shifted, 0xca);
-  return _mm512_permutex2var_ps(table, index, tableFrom16);
+// 64 bytes on their way from byte arithmetic to lanes: storing them once and widening loads is
+// cheaper than extracting quarters.
+struct alignas(64) CodeBytes {
+  uint8_t byte[64];
+
+  explicit CodeBytes(__m512i bytes) {
+    _mm512_store_si512(byte, bytes);
+    keepInMemory(byte);
+  }
+};
+
+// 32 bytes in both halves.
+inline __m512i twice(const uint8_t* at) { return _mm512_broadcast_i64x4(load32(at)); }
+
+// The two halves shifted by their own amounts, in 16-bit words.
+inline __m512i halves(short low, short high) {
+  return _mm512_inserti64x4(_mm512_set1_epi16(low), _mm256_set1_epi16(high), 1);
 }
 
-template <unsigned kChunk>
-inline void q5Chunk(const uint8_t* nibbleBytes, const __m512i fifths[2],
-                    const SubBlockScales& scales, const float* x, __m512 acc[4]) {
-  const __m512 low = codeValues(scales, 2 * kChunk, codesFrom(0));
-  const __m512 low16 = codeValues(scales, 2 * kChunk, codesFrom(16));
-  const __m512 high = codeValues(scales, 2 * kChunk + 1, codesFrom(0));
-  const __m512 high16 = codeValues(scales, 2 * kChunk + 1, codesFrom(16));
-  for (size_t half = 0; half < 2; ++half) {
-    const __m512i nibbles = _mm512_cvtepu8_epi32(load16(nibbleBytes + 16 * half));
-    const __m512 lowWeights = q5Values<2 * kChunk>(nibbles, fifths[half], low, low16);
-    const __m512 highWeights =
-        q5Values<2 * kChunk + 1>(_mm512_srli_epi32(nibbles, 4), fifths[half], high, high16);
-    acc[half] = _mm512_fmadd_ps(lowWeights, _mm512_loadu_ps(x + 16 * half), acc[half]);
-    acc[2 + half] =
-        _mm512_fmadd_ps(highWeights, _mm512_loadu_ps(x + 32 + 16 * half), acc[2 + half]);
-  }
+// Bits of `a` where `mask` is set, of `b` elsewhere.
+inline __m512i select(__m512i mask, __m512i a, __m512i b) {
+  return _mm512_ternarylogic_epi32(mask, a, b, 0xca);
+}
+
+// acc[i] += the 32 weights of sub-block j, given as codes of five bits and more, times x.
+inline void q5Add(const uint8_t* codes, const SubBlockScales& scales, size_t j, const float* x,
+                  __m512& acc0, __m512& acc1) {
+  const __m512 table = codeValues(scales, j, codesFrom(0));
+  const __m512 from16 = codeValues(scales, j, codesFrom(16));
+  const __m512i first = bytesToLanes(load16(codes));
+  const __m512i second = bytesToLanes(load16(codes + 16));
+  acc0 = _mm512_fmadd_ps(_mm512_permutex2var_ps(table, first, from16), _mm512_loadu_ps(x), acc0);
+  acc1 =
+      _mm512_fmadd_ps(_mm512_permutex2var_ps(table, second, from16), _mm512_loadu_ps(x + 16), acc1);
 }
 
 float dotQ5kRow(const uint8_t* row, size_t cols, const float* x) {
   __m512 acc[4] = {};
+  const __m512i nibble = _mm512_set1_epi8(0x0f);
   for (size_t at = 0; at < cols; at += 256, row += 176, x += 256) {
-    const SubBlockScales scales = unpackScales(row);
+    const SubBlockScales scales(row);
     prefetch(row);
     prefetch(row + 64);
     prefetch(row + 128);
-    const __m512i fifths[2] = {_mm512_cvtepu8_epi32(load16(row + 16)),
-                               _mm512_cvtepu8_epi32(load16(row + 32))};
-    q5Chunk<0>(row + 48, fifths, scales, x, acc);
-    q5Chunk<1>(row + 80, fifths, scales, x + 64, acc);
-    q5Chunk<2>(row + 112, fifths, scales, x + 128, acc);
-    q5Chunk<3>(row + 144, fifths, scales, x + 192, acc);
+    const __m512i fifths = twice(row + 16);
+    // Fifth bits of sub-blocks 0 and 2, 1 and 3, 4 and 6, 5 and 7, moved to bit 4. What lies above
+    // bit 4 does not matter: a permute of two tables reads five bits.
+    const __m512i qs0 = _mm512_loadu_si512(row + 48);
+    const __m512i qs1 = _mm512_loadu_si512(row + 112);
+    const CodeBytes c02(select(nibble, qs0, _mm512_sllv_epi16(fifths, halves(4, 2))));
+    const CodeBytes c13(
+        select(nibble, _mm512_srli_epi16(qs0, 4), _mm512_sllv_epi16(fifths, halves(3, 1))));
+    const CodeBytes c46(select(nibble, qs1, _mm512_srlv_epi16(fifths, halves(0, 2))));
+    const CodeBytes c57(
+        select(nibble, _mm512_srli_epi16(qs1, 4), _mm512_srlv_epi16(fifths, halves(1, 3))));
+    q5Add(c02.byte, scales, 0, x, acc[0], acc[1]);
+    q5Add(c13.byte, scales, 1, x + 32, acc[2], acc[3]);
+    q5Add(c02.byte + 32, scales, 2, x + 64, acc[0], acc[1]);
+    q5Add(c13.byte + 32, scales, 3, x + 96, acc[2], acc[3]);
+    q5Add(c46.byte, scales, 4, x + 128, acc[0], acc[1]);
+    q5Add(c57.byte, scales, 5, x + 160, acc[2], acc[3]);
+    q5Add(c46.byte + 32, scales, 6, x + 192, acc[0], acc[1]);
+    q5Add(c57.byte + 32, scales, 7, x + 224, acc[2], acc[3]);
   }
   return total(acc);
 }
 
-// 32 codes of 6 bits, minus 32: `nibbles` already shifted, the two high bits at bit `kShift` of qh.
-template <int kShift>
-inline __m256i q6Codes(__m256i nibbles, __m256i qh) {
-  const __m256i low = _mm256_and_si256(nibbles, _mm256_set1_epi8(0x0f));
-  const __m256i bits =
-      kShift < 4 ? _mm256_slli_epi16(qh, 4 - (kShift & 3)) : _mm256_srli_epi16(qh, kShift - 4);
-  const __m256i code = _mm256_or_si256(low, _mm256_and_si256(bits, _mm256_set1_epi8(0x30)));
-  return _mm256_sub_epi8(code, _mm256_set1_epi8(32));
+// Signed bytes 4 * (code - 32) of 64 six-bit codes: the nibble moved to bits 2-5, the two high bits
+// to 6-7. The factor goes into the scale.
+inline CodeBytes q6Codes(__m512i nibbleAtBit2, __m512i highAtBit6) {
+  const __m512i code = select(_mm512_set1_epi8(0x3c), nibbleAtBit2, highAtBit6);
+  return CodeBytes(_mm512_ternarylogic_epi32(code, _mm512_set1_epi8(static_cast<char>(0xfc)),
+                                             _mm512_set1_epi8(static_cast<char>(0x80)), 0x6a));
 }
 
-// acc += sum over 32 elements of (scale of its 16) * code * x.
-inline void q6Add(__m256i codes, float scale0, float scale1, const float* x, __m512& acc0,
-                  __m512& acc1) {
-  const __m512 low = _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm256_castsi256_si128(codes)));
-  const __m512 high = _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(_mm256_extracti128_si256(codes, 1)));
-  acc0 = _mm512_fmadd_ps(_mm512_mul_ps(low, _mm512_set1_ps(scale0)), _mm512_loadu_ps(x), acc0);
-  acc1 =
-      _mm512_fmadd_ps(_mm512_mul_ps(high, _mm512_set1_ps(scale1)), _mm512_loadu_ps(x + 16), acc1);
+// acc[i] += 16 weights of one scale times x, for the four sub-blocks of 64 codes.
+inline void q6Add(const CodeBytes& codes, const float* scale, const float* x, __m512 acc[4]) {
+  for (size_t i = 0; i < 4; ++i) {
+    const __m512 code = _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(codes.byte + 16 * i)));
+    const __m512 weight = _mm512_mul_ps(code, _mm512_set1_ps(scale[i]));
+    acc[i] = _mm512_fmadd_ps(weight, _mm512_loadu_ps(x + 16 * i), acc[i]);
+  }
 }
 
 float dotQ6kRow(const uint8_t* row, size_t cols, const float* x) {
@@ -233,18 +265,18 @@ float dotQ6kRow(const uint8_t* row, size_t cols, const float* x) {
     prefetch(row + 64);
     prefetch(row + 128);
     alignas(64) float scale[16];
-    _mm512_store_ps(scale,
-                    _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(row + 192))),
-                                  _mm512_set1_ps(halfAt(row + 208))));
+    const __m512 quarter = _mm512_set1_ps(0.25f * halfAt(row + 208));
+    _mm512_store_ps(
+        scale, _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(row + 192))), quarter));
+    keepInMemory(scale);
     for (size_t h = 0; h < 2; ++h, x += 128) {
-      const float* s = scale + 8 * h;
-      const __m256i ql0 = load32(row + 64 * h);
-      const __m256i ql1 = load32(row + 64 * h + 32);
-      const __m256i qh = load32(row + 128 + 32 * h);
-      q6Add(q6Codes<0>(ql0, qh), s[0], s[1], x, acc[0], acc[1]);
-      q6Add(q6Codes<2>(ql1, qh), s[2], s[3], x + 32, acc[2], acc[3]);
-      q6Add(q6Codes<4>(_mm256_srli_epi16(ql0, 4), qh), s[4], s[5], x + 64, acc[0], acc[1]);
-      q6Add(q6Codes<6>(_mm256_srli_epi16(ql1, 4), qh), s[6], s[7], x + 96, acc[2], acc[3]);
+      const __m512i ql = _mm512_loadu_si512(row + 64 * h);
+      const __m512i qh = twice(row + 128 + 32 * h);
+      // Bits 0-1 belong to the first 32 elements, 2-3 to the next; then 4-5 and 6-7.
+      const CodeBytes low = q6Codes(_mm512_slli_epi16(ql, 2), _mm512_sllv_epi16(qh, halves(6, 4)));
+      const CodeBytes high = q6Codes(_mm512_srli_epi16(ql, 2), _mm512_sllv_epi16(qh, halves(2, 0)));
+      q6Add(low, scale + 8 * h, x, acc);
+      q6Add(high, scale + 8 * h + 4, x + 64, acc);
     }
   }
   return total(acc);
