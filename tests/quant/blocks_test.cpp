@@ -120,11 +120,13 @@ TEST(Q40Test, ProductAndSumAreRoundedOnce) {
     const float x = (0.5f - std::ldexp(1.0f, -21)) / inverse;
     std::vector<float> row(32, 0.0f);
     row[0] = extreme;
-    row[1] = x;
+    row[1] = row[2] = x;
     const int fused = static_cast<int>(std::fma(x, inverse, 8.5f));
     const volatile float product = x * inverse;
     fusedMatters += static_cast<int>(product + 8.5f) != fused;
-    ASSERT_EQ(code40(encodeQ40(row), 1), fused) << k;
+    const auto bytes = encodeQ40(row);
+    ASSERT_EQ(code40(bytes, 1), fused) << k;
+    ASSERT_EQ(code40(bytes, 2), fused) << k;
   }
   EXPECT_GT(fusedMatters, 0);
 }

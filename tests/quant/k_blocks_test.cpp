@@ -274,6 +274,39 @@ TEST(KBlocksTest, ASubBlockWhoseScaleRoundsToZeroKeepsItsFirstCodes) {
   for (int i = 0; i < 32; ++i) EXPECT_EQ(codeQ4K(bytes.data(), 32 + i), i % 16);
 }
 
+TEST(KBlocksTest, CodesComeFromATrueDivision) {
+  // d is 1; a sub-block of scale s holds 10.5 s, a tie that a product with 1 / s may miss.
+  int reciprocalDiffers = 0;
+  for (int s = 1; s < 63; ++s) {
+    const float tie = 10.5f * static_cast<float>(s);
+    reciprocalDiffers += static_cast<int>(tie * (1.0f / static_cast<float>(s)) + 0.5f) != 11;
+    for (const Format& format : kFormats) {
+      const float most = format.type == QuantType::Q4_K ? 15 : 31;
+      const float largest = format.type == QuantType::Q6_K ? 127 : 63;
+      Row row(256, 0.0f);
+      row[0] = most * largest;
+      row[32] = most * static_cast<float>(s);
+      row[33] = tie;
+      const Encoded bytes = encode(format, row);
+      const Row back = decode(format, bytes, 256);
+      ASSERT_EQ(back[32], row[32]) << quantTypeName(format.type) << s;
+      ASSERT_EQ(back[33], static_cast<float>(11 * s)) << quantTypeName(format.type) << s;
+    }
+  }
+  EXPECT_GT(reciprocalDiffers, 0);
+}
+
+TEST(KBlocksTest, CodesOfQ6KAreClampedToSixBits) {
+  Row row(256, 0.0f);
+  row[0] = 31 * 127;    // d is 1
+  row[16] = 31 * 1.4f;  // scale 1
+  row[17] = -31 * 1.4f;
+  const Encoded bytes = encode(kQ6K, row);
+  EXPECT_EQ(bytes[193], 1);
+  EXPECT_EQ(codeQ6K(bytes.data(), 16), 63);
+  EXPECT_EQ(codeQ6K(bytes.data(), 17), 0);
+}
+
 TEST(KBlocksTest, ASmallSubBlockOfQ6KBecomesZero) {
   Row row(256, 0.0f);
   row[0] = 1;
