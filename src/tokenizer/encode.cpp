@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "tokenizer/tokenizer.h"
 
 namespace kiv {
@@ -16,23 +14,15 @@ Status Tokenizer::encode(std::string_view text, std::vector<int32_t>& ids, bool 
   if (!byteLevel_) {
     escapeWhitespace(marked);
   }
-  const int32_t newlineId = tokenIndex_.find("\n");
   std::string_view rest = marked;
   while (!rest.empty()) {
-    const size_t line = std::min(rest.find('\n'), rest.size());
-    if (Status status = tokenizeSegment(rest.substr(0, line), ids); !status.ok()) {
+    // A newline is a segment by itself, so that runs of them give one id each.
+    const size_t line = rest.find('\n');
+    const std::string_view segment = rest.substr(0, line == 0 ? 1 : line);
+    if (Status status = tokenizeSegment(segment, ids); !status.ok()) {
       return status;
     }
-    rest.remove_prefix(line);
-    if (rest.empty()) {
-      break;
-    }
-    if (newlineId >= 0) {
-      ids.push_back(newlineId);
-    } else if (Status status = tokenizeSegment("\n", ids); !status.ok()) {
-      return status;
-    }
-    rest.remove_prefix(1);
+    rest.remove_prefix(segment.size());
   }
   return Status::success();
 }

@@ -1,0 +1,135 @@
+// The merge loop against the definition: scan, merge the leftmost pair of the lowest rank, repeat.
+#include <map>
+#include <random>
+
+#include "tokenizer/characters.h"
+#include "tokenizer/vocabulary.h"
+
+namespace kiv::testing {
+namespace {
+
+std::vector<std::string> characters(std::string_view text) {
+  std::vector<std::string> symbols;
+  while (!text.empty()) {
+    symbols.emplace_back(text.substr(0, characterLength(text, 0)));
+    text.remove_prefix(symbols.back().size());
+  }
+  return symbols;
+}
+
+std::vector<std::string> mergedByScanning(std::string_view text,
+                                          const std::vector<std::string>& rules) {
+  std::map<std::string, size_t> ranks;
+  for (size_t rank = 0; rank < rules.size(); ++rank) {
+    ranks.emplace(rules[rank], rank);
+  }
+  std::vector<std::string> symbols = characters(text);
+  while (true) {
+    size_t best = rules.size();
+    size_t place = 0;
+    for (size_t i = 0; i + 1 < symbols.size(); ++i) {
+      const auto found = ranks.find(symbols[i] + ' ' + symbols[i + 1]);
+      if (found != ranks.end() && found->second < best) {
+        best = found->second;
+        place = i;
+      }
+    }
+    if (best == rules.size()) {
+      return symbols;
+    }
+    symbols[place] += symbols[place + 1];
+    symbols.erase(symbols.begin() + static_cast<std::ptrdiff_t>(place) + 1);
+  }
+}
+
+class Generator {
+ public:
+  explicit Generator(uint32_t seed) : random_(seed) {}
+
+  size_t below(size_t limit) { return random_() % limit; }
+
+  std::string text(const std::vector<std::string>& alphabet, size_t longest) {
+    std::string text;
+    for (size_t length = below(longest + 1); length > 0; --length) {
+      text += alphabet[below(alphabet.size())];
+    }
+    return text;
+  }
+
+  // Rules that can build on one another: most join symbols that earlier rules make.
+  std::vector<std::string> rules(const std::vector<std::string>& alphabet) {
+    std::vector<std::string> made = alphabet;
+    std::vector<std::string> rules;
+    for (size_t count = 1 + below(12); count > 0; --count) {
+      std::string left = made[below(made.size())];
+      std::string right = made[below(made.size())];
+      if (below(8) == 0) {
+        left = text(alphabet, 3);
+        right = text(alphabet, 3);
+      }
+      rules.push_back(left + ' ' + right);
+      if (left.size() + right.size() < 12) {
+        made.push_back(left + right);
+      }
+    }
+    // A rule may rank before those that make its parts.
+    std::shuffle(rules.begin(), rules.end(), random_);
+    return rules;
+  }
+
+ private:
+  std::mt19937 random_;
+};
+
+// Every substring that a merge can leave gets an id, so that ids tell how the text was cut.
+void compareWithScanning(const std::vector<std::string>& alphabet, uint32_t seed, int rounds) {
+  Generator generate(seed);
+  for (int round = 0; round < rounds; ++round) {
+    const std::vector<std::string> rules = generate.rules(alphabet);
+    const std::string text = generate.text(alphabet, 24);
+    std::vector<std::string> tokens = {"never"};
+    for (size_t from = 0; from < text.size(); ++from) {
+      for (size_t size = 1; from + size <= text.size(); ++size) {
+        tokens.push_back(text.substr(from, size));
+      }
+    }
+    const auto tokenizer = loaded(makeData(tokens, rules));
+    std::vector<int32_t> ids;
+    ASSERT_TRUE(tokenizer->tokenizeBpe(text, ids).ok());
+    std::vector<std::string> cut;
+    for (const int32_t id : ids) {
+      cut.push_back(tokens[static_cast<size_t>(id)]);
+    }
+    ASSERT_EQ(cut, mergedByScanning(text, rules))
+        << "text '" << text << "', rules " << ::testing::PrintToString(rules);
+  }
+}
+
+TEST(Merge, EqualsTheScanOnOneLetter) { compareWithScanning({"a"}, 1, 1500); }
+
+TEST(Merge, EqualsTheScanOnTwoLetters) { compareWithScanning({"a", "b"}, 2, 3000); }
+
+TEST(Merge, EqualsTheScanWithSpacesInRules) { compareWithScanning({"a", " "}, 3, 3000); }
+
+TEST(Merge, EqualsTheScanWithSpacesAmongLetters) { compareWithScanning({"a", "b", " "}, 4, 3000); }
+
+TEST(Merge, EqualsTheScanOnLongerCharacters) {
+  compareWithScanning({"a", "é", "▁", "\xE4", "\x80"}, 5, 2000);
+}
+
+TEST(Merge, RuleOfLowerRankThatALaterMergeMakesPossibleComesNext) {
+  // Joining "b" and "c" makes "a bc" possible, which ranks before the remaining "b c".
+  const std::vector<std::string> rules = {"a bc", "b c"};
+  const auto tokenizer = loaded(makeData({"abc", "bc", "a", "b", "c"}, rules));
+  EXPECT_EQ(encodedTokens(*tokenizer, "bcabcabc"), (std::vector<std::string>{"bc", "abc", "abc"}));
+}
+
+TEST(Merge, RuleIsTheJoinedStringOnly) {
+  // "a  b" is both "a" + " b" and "a " + "b".
+  compareWithScanning({"a", " ", "b"}, 6, 500);
+  EXPECT_EQ(mergedByScanning("a b", {"a  b", "  b"}), (std::vector<std::string>{"a b"}));
+  EXPECT_EQ(mergedByScanning("a b", {"a  b", "a  "}), (std::vector<std::string>{"a b"}));
+}
+
+}  // namespace
+}  // namespace kiv::testing
