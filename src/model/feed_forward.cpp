@@ -17,7 +17,7 @@ void ffnStep(Model& model, Layer& layer, const float* x, float* out) {
   prepare(model, up);
   // A piece computes the same rows of both and their product while they are at hand.
   const size_t step = rowsPerPiece(gate.rowBytes + up.rowBytes);
-  parallelPieces((n + step - 1) / step, [&](size_t piece) {
+  model.team.forEach((n + step - 1) / step, [&](size_t piece) {
     const size_t first = piece * step;
     const size_t last = std::min(first + step, n);
     addRows(gate, first, last);

@@ -64,14 +64,16 @@ void runBlocks(Model& model, const float* embedding, size_t pos, ForwardObserver
 
 void forwardToken(Model& model, const float* embedding, size_t pos, float* logits) {
   TokenDiagnostics diagnostics(model, pos);
-  runBlocks(model, embedding, pos, diagnostics);
-  std::fill_n(logits, model.vocabularySize, 0.0f);
-  gemvRow(model, model.tokenEmbedding, model.work.x.data(), logits);
+  model.team.run([&] {
+    runBlocks(model, embedding, pos, diagnostics);
+    std::fill_n(logits, model.vocabularySize, 0.0f);
+    gemvRow(model, model.tokenEmbedding, model.work.x.data(), logits);
+  });
 }
 
 void forwardTokenHidden(Model& model, const float* embedding, size_t pos, float* out) {
   HiddenTiming timing(pos);
-  runBlocks(model, embedding, pos, timing);
+  model.team.run([&] { runBlocks(model, embedding, pos, timing); });
   std::copy_n(model.work.x.data(), model.hiddenSize, out);
   timing.print();
 }

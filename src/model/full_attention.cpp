@@ -120,7 +120,7 @@ void attendAll(Model& model, Layer& layer, size_t pos, size_t blockIndex, const 
   const size_t tokens = layer.position + 1;
   const size_t runs = (tokens + kAttentionRun - 1) / kAttentionRun;
   w.parts.resize(std::max(w.parts.size(), runs * model.keyValueHeads));
-  parallelPieces(runs * model.keyValueHeads, [&](size_t piece) {
+  model.team.forEach(runs * model.keyValueHeads, [&](size_t piece) {
     const size_t g = piece / runs;
     const size_t first = piece % runs * kAttentionRun;
     const AttentionRun run = {queries + g * kGroupHeads * kHeadSize,

@@ -98,8 +98,8 @@ void linearAttnStep(Model& model, Layer& layer, const float* x, float* out, size
   project(model, layer, x);
   const bool decays = std::getenv("QWEN35_NODECAY") == nullptr;
   const float scale = 1.0f / std::sqrt(static_cast<float>(kHeadWidth));
-  parallelPieces(model.linearValueHeads,
-                 [&](size_t h) { mixHead(model, layer, h, decays, scale); });
+  model.team.forEach(model.linearValueHeads,
+                     [&](size_t h) { mixHead(model, layer, h, decays, scale); });
   gemvRow(model, layer.ssmOut, model.work.gated.data(), out);
   layer.position += 1;
   const HeadGates head0 = headGates(model, layer, 0);

@@ -11,6 +11,7 @@
 #include "format/loader.h"
 #include "format/tensor_view.h"
 #include "model/kernels/kernels.h"
+#include "model/team.h"
 #include "model/zeroed_array.h"
 
 namespace qwen35 {
@@ -112,6 +113,7 @@ struct Model {
 
   const KernelTable* kernels = nullptr;  // null until bindModel: the best tier
   Workspace work;
+  Team team;
 
   uint64_t linearKeyWidth() const { return linearHeadSize * linearKeyHeads; }
   uint64_t convChannels() const { return linearValueWidth + 2 * linearKeyWidth(); }

@@ -3,15 +3,14 @@
 // count is the product of the other dimensions.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
 #include "compat/export.h"
 #include "format/tensor_view.h"
 #include "model/kernels/kernels.h"
 #include "model/model.h"
-#include "model/parallel.h"
 #include "quant/quant_type.h"
 
 namespace qwen35 {
@@ -69,7 +68,7 @@ void runProducts(Model& model, Product (&products)[kCount], const Finish& finish
     const size_t step = rowsPerPiece(products[p].rowBytes);
     firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
   }
-  parallelPieces(firstPiece[kCount], [&](size_t piece) {
+  model.team.forEach(firstPiece[kCount], [&](size_t piece) {
     size_t p = 0;
     while (piece >= firstPiece[p + 1]) ++p;
     const Product& product = products[p];
