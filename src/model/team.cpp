@@ -28,12 +28,11 @@ uint32_t awaitChange(const std::atomic<uint32_t>& value, uint32_t old) {
 }  // namespace
 
 void Team::runErased(const Callable& body) {
-  const auto threads = static_cast<size_t>(std::max(omp_get_max_threads(), 1));
-  if (threads_ != 0 || threads == 1) {
+  if (threads_ != 0) {
     body.call(body.context, 0);
     return;
   }
-  threads_ = std::min(threads, kMaxThreads);
+  threads_ = std::min(static_cast<size_t>(std::max(omp_get_max_threads(), 1)), kMaxThreads);
   over_.store(false, std::memory_order_relaxed);
   std::exception_ptr error;
 #pragma omp parallel num_threads(static_cast <int>(threads_))
