@@ -59,7 +59,7 @@ class Bytes {
     return *this;
   }
   Bytes& zeros(size_t count) {
-    content_.resize(content_.size() + count);
+    content_.insert(content_.end(), count, 0);
     return *this;
   }
   // u32 length and text, as tokenizer section and metadata values have it.
@@ -77,8 +77,9 @@ class Bytes {
  private:
   template <typename T>
   Bytes& number(T value) {
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&value);
-    content_.insert(content_.end(), bytes, bytes + sizeof value);
+    uint8_t bytes[sizeof value];
+    std::memcpy(bytes, &value, sizeof value);
+    for (const uint8_t byte : bytes) content_.push_back(byte);
     return *this;
   }
 
