@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -36,7 +37,8 @@ uint16_t ordinaryHalf(std::mt19937& random) {
 
 void append(std::vector<uint8_t>& out, const void* data, size_t size) {
   const auto* bytes = static_cast<const uint8_t*>(data);
-  out.insert(out.end(), bytes, bytes + size);
+  out.resize(out.size() + size);
+  std::copy_n(bytes, size, out.end() - static_cast<std::ptrdiff_t>(size));
 }
 
 // A weight of a plain float row.

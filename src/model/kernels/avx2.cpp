@@ -10,10 +10,20 @@ namespace qwen35 {
 namespace {
 
 constexpr size_t kWidth = 8;             // floats of one register
-constexpr size_t kPrefetchAhead = 1024;  // bytes
+constexpr size_t kPrefetchAhead = 4096;  // bytes
 
-inline void prefetch(const uint8_t* at) {
-  _mm_prefetch(reinterpret_cast<const char*>(at + kPrefetchAhead), _MM_HINT_T0);
+inline void prefetch(const uint8_t* at, size_t bytes) {
+  for (size_t i = 0; i < bytes; i += 64) {
+    _mm_prefetch(reinterpret_cast<const char*>(at + kPrefetchAhead + i), _MM_HINT_T0);
+  }
+}
+
+// Makes the compiler believe that `memory` may have changed. Values that are stored once and read
+// back one by one by broadcasting or widening loads cost no shuffle; without this the compiler
+// replaces the loads by shuffles, of which one fits in a cycle.
+template <typename T>
+inline void keepInMemory(T& memory) {
+  __asm__("" : "+m"(memory));
 }
 
 inline float halfAt(const uint8_t* at) {
@@ -34,11 +44,7 @@ inline __m256i load32(const uint8_t* at) {
   return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
 }
 
-inline float loadFloat(const uint8_t* at) {
-  float value;
-  __builtin_memcpy(&value, at, sizeof value);
-  return value;
-}
+inline __m256i bytesToLanes(const uint8_t* at) { return _mm256_cvtepu8_epi32(load8(at)); }
 
 // Sum of the lanes, in a fixed order.
 inline float total(__m256 v) {
@@ -48,214 +54,260 @@ inline float total(__m256 v) {
   return _mm_cvtss_f32(s);
 }
 
-inline float total(const __m256 acc[4]) {
-  return total(_mm256_add_ps(_mm256_add_ps(acc[0], acc[1]), _mm256_add_ps(acc[2], acc[3])));
-}
+// Decoders. Each turns one block of kElements weights, kBytes bytes, into registers of 8 weights,
+// handed to use(register number, weights) chunk by chunk in element order. The weights are those of
+// the block's formula, exactly. Decoders of kElementBytes also take the `count` elements of a tail.
 
-// Runs kRowDot(row, cols, x) over the rows of a product.
-template <float (*kRowDot)(const uint8_t*, size_t, const float*)>
-void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
-          float* y) {
-  for (size_t r = 0; r < rowCount; ++r) y[r] += kRowDot(rows + r * rowBytes, cols, x);
-}
+struct F32Decoder {
+  static constexpr size_t kElements = 8;
+  static constexpr size_t kBytes = 32;
+  static constexpr size_t kElementBytes = 4;
+  static constexpr size_t kChunks = 1;
 
-float dotF32Row(const uint8_t* row, size_t cols, const float* x) {
-  __m256 acc[4] = {};
-  size_t i = 0;
-  for (; i + 32 <= cols; i += 32) {
-    prefetch(row + 4 * i);
-    for (size_t j = 0; j < 4; ++j) {
-      const __m256 w = _mm256_loadu_ps(reinterpret_cast<const float*>(row + 4 * (i + kWidth * j)));
-      acc[j] = _mm256_fmadd_ps(w, _mm256_loadu_ps(x + i + kWidth * j), acc[j]);
-    }
+  const uint8_t* block;
+
+  template <typename Use>
+  void chunk(size_t, const Use& use) const {
+    use(0, _mm256_loadu_ps(reinterpret_cast<const float*>(block)));
   }
-  float tail = 0;
-  for (; i < cols; ++i) tail += loadFloat(row + 4 * i) * x[i];
-  return total(acc) + tail;
-}
+};
 
-inline __m256 widenBf16(__m128i halves) {
-  return _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_cvtepu16_epi32(halves), 16));
-}
+struct Bf16Decoder {
+  static constexpr size_t kElements = 8;
+  static constexpr size_t kBytes = 16;
+  static constexpr size_t kElementBytes = 2;
+  static constexpr size_t kChunks = 1;
 
-float dotBf16Row(const uint8_t* row, size_t cols, const float* x) {
-  __m256 acc[4] = {};
-  size_t i = 0;
-  for (; i + 32 <= cols; i += 32) {
-    prefetch(row + 2 * i);
-    for (size_t j = 0; j < 4; ++j) {
-      const __m256 w = widenBf16(load16(row + 2 * (i + kWidth * j)));
-      acc[j] = _mm256_fmadd_ps(w, _mm256_loadu_ps(x + i + kWidth * j), acc[j]);
-    }
+  const uint8_t* block;
+
+  template <typename Use>
+  void chunk(size_t, const Use& use) const {
+    const __m256i lanes = _mm256_cvtepu16_epi32(load16(block));
+    use(0, _mm256_castsi256_ps(_mm256_slli_epi32(lanes, 16)));
   }
-  float tail = 0;
-  for (; i < cols; ++i) {
-    uint16_t half;
-    __builtin_memcpy(&half, row + 2 * i, sizeof half);
-    tail += _mm256_cvtss_f32(widenBf16(_mm_cvtsi32_si128(half))) * x[i];
-  }
-  return total(acc) + tail;
-}
+};
 
 inline __m256 signedCodes(const uint8_t* at) {
   return _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(load8(at)));
 }
 
-// Signed byte codes times x, summed over 32 elements, then scaled once.
-float dotQ80Row(const uint8_t* row, size_t cols, const float* x) {
-  __m256 acc[4] = {};
-  const size_t blocks = cols / 32;
-  for (size_t b = 0; b < blocks; ++b, row += 34, x += 32) {
-    prefetch(row);
-    const __m256 d = _mm256_set1_ps(halfAt(row));
-    __m256 sum = _mm256_mul_ps(signedCodes(row + 2), _mm256_loadu_ps(x));
-    sum = _mm256_fmadd_ps(signedCodes(row + 10), _mm256_loadu_ps(x + 8), sum);
-    sum = _mm256_fmadd_ps(signedCodes(row + 18), _mm256_loadu_ps(x + 16), sum);
-    sum = _mm256_fmadd_ps(signedCodes(row + 26), _mm256_loadu_ps(x + 24), sum);
-    acc[b % 4] = _mm256_fmadd_ps(sum, d, acc[b % 4]);
-  }
-  return total(acc);
-}
+struct Q80Decoder {
+  static constexpr size_t kElements = 32;
+  static constexpr size_t kBytes = 34;
+  static constexpr size_t kChunks = 1;
 
-// d * sc and dmin * m of the eight sub-blocks of a Q4_K or Q5_K block.
-struct SubBlockScales {
-  alignas(32) float scale[8];
-  alignas(32) float minimum[8];
+  const uint8_t* block;
+
+  template <typename Use>
+  void chunk(size_t, const Use& use) const {
+    const __m256 d = _mm256_set1_ps(halfAt(block));
+    for (size_t i = 0; i < 4; ++i) use(i, _mm256_mul_ps(signedCodes(block + 2 + 8 * i), d));
+  }
 };
 
-inline SubBlockScales unpackScales(const uint8_t* block) {
-  uint32_t words[3];
-  __builtin_memcpy(words, block + 4, sizeof words);
-  const uint32_t scLow = words[0] & 0x3f3f3f3fu;
-  const uint32_t mLow = words[1] & 0x3f3f3f3fu;
-  const uint32_t scHigh = (words[2] & 0x0f0f0f0fu) | (((words[0] >> 6) & 0x03030303u) << 4);
-  const uint32_t mHigh = ((words[2] >> 4) & 0x0f0f0f0fu) | (((words[1] >> 6) & 0x03030303u) << 4);
-  const auto toFloats = [](uint32_t low, uint32_t high) {
-    const uint64_t bytes = (uint64_t{high} << 32) | low;
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<int64_t>(bytes))));
-  };
-  SubBlockScales result;
-  const __m256 d = _mm256_set1_ps(halfAt(block));
-  const __m256 dmin = _mm256_set1_ps(halfAt(block + 2));
-  _mm256_store_ps(result.scale, _mm256_mul_ps(d, toFloats(scLow, scHigh)));
-  _mm256_store_ps(result.minimum, _mm256_mul_ps(dmin, toFloats(mLow, mHigh)));
-  return result;
-}
+// d * sc and dmin * m of the eight sub-blocks of a Q4_K or Q5_K block: 0-7 scales, 8-15 minimums.
+struct SubBlockScales {
+  alignas(32) float value[16];
 
-// acc[j] += 32 unsigned byte codes as weights times x; the weight is exact: code * scale - minimum
-// with one rounding.
-inline void addCodes(__m256i codes, float scale, float minimum, const float* x, __m256 acc[4]) {
-  const __m256 s = _mm256_set1_ps(scale);
-  const __m256 m = _mm256_set1_ps(minimum);
-  const __m128i halves[2] = {_mm256_castsi256_si128(codes), _mm256_extracti128_si256(codes, 1)};
-  for (size_t j = 0; j < 4; ++j) {
-    const __m128i eight = j % 2 == 0 ? halves[j / 2] : _mm_srli_si128(halves[j / 2], 8);
-    const __m256 code = _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(eight));
-    const __m256 weight = _mm256_fmsub_ps(code, s, m);
-    acc[j] = _mm256_fmadd_ps(weight, _mm256_loadu_ps(x + kWidth * j), acc[j]);
+  explicit SubBlockScales(const uint8_t* block) {
+    uint32_t words[3];
+    __builtin_memcpy(words, block + 4, sizeof words);
+    const uint32_t scales = words[0] & 0x3f3f3f3fu;
+    const uint32_t minimums = words[1] & 0x3f3f3f3fu;
+    const uint32_t highScales = (words[2] & 0x0f0f0f0fu) | ((words[0] >> 2) & 0x30303030u);
+    const uint32_t highMinimums = ((words[2] >> 4) & 0x0f0f0f0fu) | ((words[1] >> 2) & 0x30303030u);
+    store(value, scales, highScales, halfAt(block));
+    store(value + 8, minimums, highMinimums, halfAt(block + 2));
+    keepInMemory(value);
   }
-}
 
-float dotQ4kRow(const uint8_t* row, size_t cols, const float* x) {
-  __m256 acc[4] = {};
-  const __m256i nibble = _mm256_set1_epi8(0x0f);
-  for (size_t at = 0; at < cols; at += 256, row += 144) {
-    const SubBlockScales s = unpackScales(row);
-    prefetch(row);
-    prefetch(row + 64);
-    for (size_t c = 0; c < 4; ++c, x += 64) {
-      const __m256i bytes = load32(row + 16 + 32 * c);
-      const __m256i low = _mm256_and_si256(bytes, nibble);
-      const __m256i high = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), nibble);
-      addCodes(low, s.scale[2 * c], s.minimum[2 * c], x, acc);
-      addCodes(high, s.scale[2 * c + 1], s.minimum[2 * c + 1], x + 32, acc);
+  // The weights that the given codes stand for in sub-block j.
+  __m256 weights(size_t j, __m256i codes) const {
+    return _mm256_fmsub_ps(_mm256_cvtepi32_ps(codes), _mm256_set1_ps(value[j]),
+                           _mm256_set1_ps(value[8 + j]));
+  }
+
+ private:
+  static void store(float* out, uint32_t first, uint32_t last, float factor) {
+    const uint64_t bytes = (uint64_t{last} << 32) | first;
+    const __m256i lanes = _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<int64_t>(bytes)));
+    _mm256_store_ps(out, _mm256_mul_ps(_mm256_set1_ps(factor), _mm256_cvtepi32_ps(lanes)));
+  }
+};
+
+struct Q4kDecoder {
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kBytes = 144;
+  static constexpr size_t kChunks = 4;
+
+  const uint8_t* block;
+  SubBlockScales scales{block};
+
+  template <typename Use>
+  void chunk(size_t c, const Use& use) const {
+    const __m256i nibble = _mm256_set1_epi32(0x0f);
+    for (size_t i = 0; i < 4; ++i) {
+      const __m256i codes = bytesToLanes(block + 16 + 32 * c + 8 * i);
+      use(8 * c + i, scales.weights(2 * c, _mm256_and_si256(codes, nibble)));
+      use(8 * c + 4 + i, scales.weights(2 * c + 1, _mm256_srli_epi32(codes, 4)));
     }
   }
-  return total(acc);
-}
+};
 
-// 16 in every byte whose bit `kBit` is set.
-template <unsigned kBit>
-inline __m256i fifthBits(__m256i qh) {
-  const __m256i shifted =
-      kBit < 4 ? _mm256_slli_epi16(qh, 4 - (kBit & 3)) : _mm256_srli_epi16(qh, kBit - 4);
-  return _mm256_and_si256(shifted, _mm256_set1_epi8(0x10));
-}
+// 32 bytes on their way from byte arithmetic to lanes.
+struct alignas(32) CodeBytes {
+  uint8_t byte[32];
 
-template <unsigned kChunk>
-inline void q5Chunk(const uint8_t* nibbleBytes, __m256i qh, const SubBlockScales& s, const float* x,
-                    __m256 acc[4]) {
-  const __m256i nibble = _mm256_set1_epi8(0x0f);
-  const __m256i bytes = load32(nibbleBytes);
-  const __m256i low = _mm256_and_si256(bytes, nibble);
-  const __m256i high = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), nibble);
-  addCodes(_mm256_or_si256(low, fifthBits<2 * kChunk>(qh)), s.scale[2 * kChunk],
-           s.minimum[2 * kChunk], x, acc);
-  addCodes(_mm256_or_si256(high, fifthBits<2 * kChunk + 1>(qh)), s.scale[2 * kChunk + 1],
-           s.minimum[2 * kChunk + 1], x + 32, acc);
-}
-
-float dotQ5kRow(const uint8_t* row, size_t cols, const float* x) {
-  __m256 acc[4] = {};
-  for (size_t at = 0; at < cols; at += 256, row += 176, x += 256) {
-    const SubBlockScales s = unpackScales(row);
-    prefetch(row);
-    prefetch(row + 64);
-    prefetch(row + 128);
-    const __m256i qh = load32(row + 16);
-    q5Chunk<0>(row + 48, qh, s, x, acc);
-    q5Chunk<1>(row + 80, qh, s, x + 64, acc);
-    q5Chunk<2>(row + 112, qh, s, x + 128, acc);
-    q5Chunk<3>(row + 144, qh, s, x + 192, acc);
+  explicit CodeBytes(__m256i bytes) {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(byte), bytes);
+    keepInMemory(byte);
   }
-  return total(acc);
-}
+};
 
-// acc += 32 codes of 6 bits, minus 32, times x; the first 16 have scale0, the others scale1.
-template <int kShift>
-inline void addSixBit(__m256i nibbles, __m256i qh, float scale0, float scale1, const float* x,
-                      __m256 acc[4]) {
-  const __m256i low = _mm256_and_si256(nibbles, _mm256_set1_epi8(0x0f));
-  const __m256i bits =
-      kShift < 4 ? _mm256_slli_epi16(qh, 4 - (kShift & 3)) : _mm256_srli_epi16(qh, kShift - 4);
-  const __m256i codes = _mm256_sub_epi8(
-      _mm256_or_si256(low, _mm256_and_si256(bits, _mm256_set1_epi8(0x30))), _mm256_set1_epi8(32));
-  const __m128i halves[2] = {_mm256_castsi256_si128(codes), _mm256_extracti128_si256(codes, 1)};
-  const __m256 scales[2] = {_mm256_set1_ps(scale0), _mm256_set1_ps(scale1)};
-  for (size_t j = 0; j < 4; ++j) {
-    const __m128i eight = j % 2 == 0 ? halves[j / 2] : _mm_srli_si128(halves[j / 2], 8);
-    const __m256 weight =
-        _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(eight)), scales[j / 2]);
-    acc[j] = _mm256_fmadd_ps(weight, _mm256_loadu_ps(x + kWidth * j), acc[j]);
-  }
-}
+struct Q5kDecoder {
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kBytes = 176;
+  static constexpr size_t kChunks = 4;
 
-float dotQ6kRow(const uint8_t* row, size_t cols, const float* x) {
-  __m256 acc[4] = {};
-  for (size_t at = 0; at < cols; at += 256, row += 210) {
-    prefetch(row);
-    prefetch(row + 64);
-    prefetch(row + 128);
-    alignas(32) float scale[16];
-    const __m256 d = _mm256_set1_ps(halfAt(row + 208));
-    _mm256_store_ps(scale, _mm256_mul_ps(signedCodes(row + 192), d));
-    _mm256_store_ps(scale + 8, _mm256_mul_ps(signedCodes(row + 200), d));
-    for (size_t h = 0; h < 2; ++h, x += 128) {
-      const float* s = scale + 8 * h;
-      const __m256i ql0 = load32(row + 64 * h);
-      const __m256i ql1 = load32(row + 64 * h + 32);
-      const __m256i qh = load32(row + 128 + 32 * h);
-      addSixBit<0>(ql0, qh, s[0], s[1], x, acc);
-      addSixBit<2>(ql1, qh, s[2], s[3], x + 32, acc);
-      addSixBit<4>(_mm256_srli_epi16(ql0, 4), qh, s[4], s[5], x + 64, acc);
-      addSixBit<6>(_mm256_srli_epi16(ql1, 4), qh, s[6], s[7], x + 96, acc);
+  const uint8_t* block;
+  SubBlockScales scales{block};
+
+  template <typename Use>
+  void chunk(size_t c, const Use& use) const {
+    const __m256i nibbles = load32(block + 48 + 32 * c);
+    // Bits 2c and 2c + 1 of every byte, at bits 4 and 5; what crosses bytes is masked away.
+    const __m256i qh = load32(block + 16);
+    const int shift = 4 - 2 * static_cast<int>(c);
+    const __m256i fifths =
+        shift >= 0 ? _mm256_slli_epi16(qh, shift) : _mm256_srli_epi16(qh, -shift);
+    const CodeBytes low(codes(nibbles, fifths));
+    const CodeBytes high(codes(_mm256_srli_epi16(nibbles, 4), _mm256_srli_epi16(fifths, 1)));
+    for (size_t i = 0; i < 4; ++i) {
+      use(8 * c + i, scales.weights(2 * c, bytesToLanes(low.byte + 8 * i)));
+      use(8 * c + 4 + i, scales.weights(2 * c + 1, bytesToLanes(high.byte + 8 * i)));
     }
   }
-  return total(acc);
+
+ private:
+  static __m256i codes(__m256i nibbles, __m256i fifthAtBit4) {
+    return _mm256_or_si256(_mm256_and_si256(nibbles, _mm256_set1_epi8(0x0f)),
+                           _mm256_and_si256(fifthAtBit4, _mm256_set1_epi8(0x10)));
+  }
+};
+
+struct Q6kDecoder {
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kBytes = 210;
+  static constexpr size_t kChunks = 8;
+
+  const uint8_t* block;
+  alignas(32) float scale[16];
+
+  explicit Q6kDecoder(const uint8_t* at) : block(at) {
+    const __m256 d = _mm256_set1_ps(halfAt(at + 208));
+    _mm256_store_ps(scale, _mm256_mul_ps(signedCodes(at + 192), d));
+    _mm256_store_ps(scale + 8, _mm256_mul_ps(signedCodes(at + 200), d));
+    keepInMemory(scale);
+  }
+
+  // 32 elements: quarter `part` of half `h`.
+  template <typename Use>
+  void chunk(size_t c, const Use& use) const {
+    const size_t h = c / 4;
+    const int part = static_cast<int>(c % 4);
+    const __m256i ql = load32(block + 64 * h + 32 * (c % 2));
+    const __m256i nibbles = _mm256_srli_epi16(ql, part < 2 ? 0 : 4);
+    const __m256i qh = load32(block + 128 + 32 * h);
+    const __m256i highAtBit4 =
+        part < 2 ? _mm256_slli_epi16(qh, 4 - 2 * part) : _mm256_srli_epi16(qh, 2 * part - 4);
+    const __m256i code = _mm256_or_si256(_mm256_and_si256(nibbles, _mm256_set1_epi8(0x0f)),
+                                         _mm256_and_si256(highAtBit4, _mm256_set1_epi8(0x30)));
+    const CodeBytes codes(_mm256_sub_epi8(code, _mm256_set1_epi8(32)));
+    for (size_t i = 0; i < 4; ++i) {
+      const __m256 scales = _mm256_set1_ps(scale[2 * c + i / 2]);
+      use(4 * c + i, _mm256_mul_ps(signedCodes(codes.byte + 8 * i), scales));
+    }
+  }
+};
+
+// Products. Every (row, token) pair has one accumulator that takes the row's registers in order, so
+// its bits depend on nothing but the row and the input.
+
+// A decoder without an element size takes whole blocks only.
+template <typename Decoder>
+concept HasTail = requires {
+  Decoder::kElementBytes;
+};
+
+// acc[r] += one block of each row times x. The rows take turns chunk by chunk, so that the chains
+// of their accumulators overlap.
+template <typename Decoder, size_t kRows>
+inline void addBlocks(const Decoder (&blocks)[kRows], const float* x, __m256 (&acc)[kRows]) {
+#pragma GCC unroll 8
+  for (size_t c = 0; c < Decoder::kChunks; ++c) {
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) {
+      blocks[r].chunk(c, [&](size_t i, __m256 weights) {
+        acc[r] = _mm256_fmadd_ps(weights, _mm256_loadu_ps(x + kWidth * i), acc[r]);
+      });
+    }
+  }
+}
+
+// The last elements of a row of F32 or BF16, filled up with zeros to a whole block.
+template <typename Decoder>
+struct Tail {
+  alignas(32) uint8_t block[Decoder::kBytes] = {};
+  alignas(32) float x[kWidth] = {};
+
+  Tail(const uint8_t* row, const float* input, size_t from, size_t count) {
+    __builtin_memcpy(block, row + from * Decoder::kElementBytes, count * Decoder::kElementBytes);
+    __builtin_memcpy(x, input, count * sizeof(float));
+  }
+};
+
+// y[r] += row r . x for kRows rows at once, one or four.
+template <typename Decoder, size_t kRows>
+void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
+  __m256 acc[kRows] = {};
+  const size_t blocks = cols / Decoder::kElements;
+  for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
+    const uint8_t* at = rows + b * Decoder::kBytes;
+    for (size_t r = 0; r < kRows; ++r) prefetch(at + r * rowBytes, Decoder::kBytes);
+    if constexpr (kRows == 1) {
+      addBlocks<Decoder, 1>({Decoder{at}}, x, acc);
+    } else {
+      addBlocks<Decoder, 4>({Decoder{at}, Decoder{at + rowBytes}, Decoder{at + 2 * rowBytes},
+                             Decoder{at + 3 * rowBytes}},
+                            x, acc);
+    }
+  }
+  if constexpr (HasTail<Decoder>) {
+    const size_t done = blocks * Decoder::kElements;
+    for (size_t r = 0; r < kRows && done < cols; ++r) {
+      const Tail<Decoder> tail(rows + r * rowBytes, x, done, cols - done);
+      Decoder{tail.block}.chunk(0, [&](size_t, __m256 weights) {
+        acc[r] = _mm256_fmadd_ps(weights, _mm256_load_ps(tail.x), acc[r]);
+      });
+    }
+  }
+  for (size_t r = 0; r < kRows; ++r) y[r] += total(acc[r]);
+}
+
+template <typename Decoder>
+void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
+          float* y) {
+  size_t r = 0;
+  for (; r + 4 <= rowCount; r += 4) {
+    dotRows<Decoder, 4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+  }
+  for (; r < rowCount; ++r) dotRows<Decoder, 1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
 }
 
 float dot(const float* a, const float* b, size_t n) {
-  return dotF32Row(reinterpret_cast<const uint8_t*>(a), n, b);
+  float result = 0;
+  dotRows<F32Decoder, 1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
+  return result;
 }
 
 // e^x to about one unit in the last place; NaN stays NaN, overflow gives infinity.
@@ -416,8 +468,8 @@ void deltaStep(float* state, const float* q, const float* k, float* v, float bet
 const KernelTable kAvx2Kernels = {
     .name = "avx2",
     .requiredFeatures = 0x1,  // compat::kCpuAvx2
-    .gemv = {gemv<dotF32Row>, nullptr, gemv<dotBf16Row>, nullptr, gemv<dotQ80Row>, gemv<dotQ4kRow>,
-             gemv<dotQ5kRow>, gemv<dotQ6kRow>, nullptr},
+    .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
+             gemv<Q4kDecoder>, gemv<Q5kDecoder>, gemv<Q6kDecoder>, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

@@ -13,8 +13,18 @@ namespace {
 constexpr size_t kWidth = 16;            // floats of one register
 constexpr size_t kPrefetchAhead = 4096;  // bytes
 
-inline void prefetch(const uint8_t* at) {
-  _mm_prefetch(reinterpret_cast<const char*>(at + kPrefetchAhead), _MM_HINT_T0);
+inline void prefetch(const uint8_t* at, size_t bytes) {
+  for (size_t i = 0; i < bytes; i += 64) {
+    _mm_prefetch(reinterpret_cast<const char*>(at + kPrefetchAhead + i), _MM_HINT_T0);
+  }
+}
+
+// Makes the compiler believe that `memory` may have changed. Values that are stored once and read
+// back one by one by broadcasting or widening loads cost no shuffle; without this the compiler
+// replaces the loads by shuffles, of which one fits in a cycle.
+template <typename T>
+inline void keepInMemory(T& memory) {
+  __asm__("" : "+m"(memory));
 }
 
 inline float halfAt(const uint8_t* at) {
@@ -33,81 +43,62 @@ inline __m256i load32(const uint8_t* at) {
 
 inline __mmask16 firstLanes(size_t n) { return static_cast<__mmask16>((1u << n) - 1); }
 
-// Sum of four accumulators, in a fixed order.
-inline float total(const __m512 acc[4]) {
-  return _mm512_reduce_add_ps(
-      _mm512_add_ps(_mm512_add_ps(acc[0], acc[1]), _mm512_add_ps(acc[2], acc[3])));
-}
+// Decoders. Each turns one block of kElements weights, kBytes bytes, into registers of 16 weights,
+// handed to use(register number, weights) chunk by chunk in element order. The weights are those of
+// the block's formula, exactly.
 
-// Runs `rowDot(row, cols, x)` over the rows of a product.
-template <float (*kRowDot)(const uint8_t*, size_t, const float*)>
-void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
-          float* y) {
-  for (size_t r = 0; r < rowCount; ++r) y[r] += kRowDot(rows + r * rowBytes, cols, x);
-}
+struct F32Decoder {
+  static constexpr size_t kElements = 16;
+  static constexpr size_t kBytes = 64;
+  static constexpr size_t kChunks = 1;
 
-float dotF32Row(const uint8_t* row, size_t cols, const float* x) {
-  __m512 acc[4] = {};
-  size_t i = 0;
-  for (; i + 64 <= cols; i += 64) {
-    prefetch(row + 4 * i);
-    for (size_t j = 0; j < 4; ++j) {
-      const __m512 w = _mm512_loadu_ps(row + 4 * (i + kWidth * j));
-      acc[j] = _mm512_fmadd_ps(w, _mm512_loadu_ps(x + i + kWidth * j), acc[j]);
-    }
+  const uint8_t* block;
+
+  template <typename Use>
+  void chunk(size_t, const Use& use) const {
+    use(0, _mm512_loadu_ps(block));
   }
-  for (; i < cols; i += kWidth) {
-    const __mmask16 lanes = cols - i < kWidth ? firstLanes(cols - i) : firstLanes(kWidth);
-    const __m512 w = _mm512_maskz_loadu_ps(lanes, row + 4 * i);
-    acc[0] = _mm512_fmadd_ps(w, _mm512_maskz_loadu_ps(lanes, x + i), acc[0]);
+  static __m512 tail(const uint8_t* at, __mmask16 lanes) {
+    return _mm512_maskz_loadu_ps(lanes, at);
   }
-  return total(acc);
-}
+};
 
-float dotBf16Row(const uint8_t* row, size_t cols, const float* x) {
-  __m512 acc[4] = {};
-  size_t i = 0;
-  const auto widen = [](__m256i halves) {
+struct Bf16Decoder {
+  static constexpr size_t kElements = 32;
+  static constexpr size_t kBytes = 64;
+  static constexpr size_t kChunks = 1;
+
+  const uint8_t* block;
+
+  static __m512 widen(__m256i halves) {
     return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(halves), 16));
-  };
-  for (; i + 64 <= cols; i += 64) {
-    prefetch(row + 2 * i);
-    for (size_t j = 0; j < 4; ++j) {
-      const __m512 w = widen(load32(row + 2 * (i + kWidth * j)));
-      acc[j] = _mm512_fmadd_ps(w, _mm512_loadu_ps(x + i + kWidth * j), acc[j]);
+  }
+  template <typename Use>
+  void chunk(size_t, const Use& use) const {
+    use(0, widen(load32(block)));
+    use(1, widen(load32(block + 32)));
+  }
+  static __m512 tail(const uint8_t* at, __mmask16 lanes) {
+    return widen(_mm256_maskz_loadu_epi16(lanes, at));
+  }
+};
+
+struct Q80Decoder {
+  static constexpr size_t kElements = 32;
+  static constexpr size_t kBytes = 34;
+  static constexpr size_t kChunks = 1;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void chunk(size_t, const Use& use) const {
+    const __m512 d = _mm512_set1_ps(halfAt(block));
+    for (size_t i = 0; i < 2; ++i) {
+      const __m512i codes = _mm512_cvtepi8_epi32(load16(block + 2 + 16 * i));
+      use(i, _mm512_mul_ps(_mm512_cvtepi32_ps(codes), d));
     }
   }
-  for (; i < cols; i += kWidth) {
-    const __mmask16 lanes = cols - i < kWidth ? firstLanes(cols - i) : firstLanes(kWidth);
-    const __m512 w = widen(_mm256_maskz_loadu_epi16(lanes, row + 2 * i));
-    acc[0] = _mm512_fmadd_ps(w, _mm512_maskz_loadu_ps(lanes, x + i), acc[0]);
-  }
-  return total(acc);
-}
-
-// Signed byte codes times x, summed over 32 elements, then scaled once.
-float dotQ80Row(const uint8_t* row, size_t cols, const float* x) {
-  __m512 acc[4] = {};
-  const size_t blocks = cols / 32;
-  for (size_t b = 0; b < blocks; ++b, row += 34, x += 32) {
-    prefetch(row);
-    const __m512 d = _mm512_set1_ps(halfAt(row));
-    const __m512 low = _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(row + 2)));
-    const __m512 high = _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(row + 18)));
-    __m512 sum = _mm512_mul_ps(low, _mm512_loadu_ps(x));
-    sum = _mm512_fmadd_ps(high, _mm512_loadu_ps(x + 16), sum);
-    acc[b % 4] = _mm512_fmadd_ps(sum, d, acc[b % 4]);
-  }
-  return total(acc);
-}
-
-// Makes the compiler believe that `memory` may have changed. Values that are stored once and read
-// back one by one by broadcasting or widening loads cost no shuffle; without this the compiler
-// replaces the loads by shuffles, of which one fits in a cycle.
-template <typename T>
-inline void keepInMemory(T& memory) {
-  __asm__("" : "+m"(memory));
-}
+};
 
 // The sixteen bytes of a register's low quarter, one to a lane.
 inline __m512i bytesToLanes(__m128i bytes) { return _mm512_cvtepu8_epi32(bytes); }
@@ -136,46 +127,41 @@ struct SubBlockScales {
     _mm512_store_ps(value, _mm512_mul_ps(d, _mm512_cvtepi32_ps(codes)));
     keepInMemory(value);
   }
-};
 
-// The values of the given codes in sub-block j.
-inline __m512 codeValues(const SubBlockScales& scales, size_t j, __m512 codes) {
-  return _mm512_fmsub_ps(codes, _mm512_set1_ps(scales.value[j]),
-                         _mm512_set1_ps(scales.value[8 + j]));
-}
+  // The weights that the given codes stand for in sub-block j.
+  __m512 weights(size_t j, __m512 codes) const {
+    return _mm512_fmsub_ps(codes, _mm512_set1_ps(value[j]), _mm512_set1_ps(value[8 + j]));
+  }
+};
 
 inline __m512 codesFrom(float first) {
   const __m512 lanes = _mm512_setr_ps(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
   return _mm512_add_ps(lanes, _mm512_set1_ps(first));
 }
 
-float dotQ4kRow(const uint8_t* row, size_t cols, const float* x) {
-  __m512 acc[4] = {};
-  const __m512 codes = codesFrom(0);
-  for (size_t at = 0; at < cols; at += 256, row += 144) {
-    const SubBlockScales scales(row);
-    prefetch(row);
-    prefetch(row + 64);
-    for (size_t c = 0; c < 4; ++c, x += 64) {
-      const __m512 lowTable = codeValues(scales, 2 * c, codes);
-      const __m512 highTable = codeValues(scales, 2 * c + 1, codes);
-      // A permute reads the low four bits of each lane only, so the nibbles need no mask.
-      const __m512i first = bytesToLanes(load16(row + 16 + 32 * c));
-      const __m512i second = bytesToLanes(load16(row + 32 + 32 * c));
-      acc[0] = _mm512_fmadd_ps(_mm512_permutexvar_ps(first, lowTable), _mm512_loadu_ps(x), acc[0]);
-      acc[1] =
-          _mm512_fmadd_ps(_mm512_permutexvar_ps(second, lowTable), _mm512_loadu_ps(x + 16), acc[1]);
-      acc[2] = _mm512_fmadd_ps(_mm512_permutexvar_ps(_mm512_srli_epi32(first, 4), highTable),
-                               _mm512_loadu_ps(x + 32), acc[2]);
-      acc[3] = _mm512_fmadd_ps(_mm512_permutexvar_ps(_mm512_srli_epi32(second, 4), highTable),
-                               _mm512_loadu_ps(x + 48), acc[3]);
-    }
-  }
-  return total(acc);
-}
+struct Q4kDecoder {
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kBytes = 144;
+  static constexpr size_t kChunks = 4;
 
-// 64 bytes on their way from byte arithmetic to lanes: storing them once and widening loads is
-// cheaper than extracting quarters.
+  const uint8_t* block;
+  SubBlockScales scales{block};
+
+  template <typename Use>
+  void chunk(size_t c, const Use& use) const {
+    const __m512 low = scales.weights(2 * c, codesFrom(0));
+    const __m512 high = scales.weights(2 * c + 1, codesFrom(0));
+    // A permute reads the low four bits of each lane only, so the nibbles need no mask.
+    const __m512i first = bytesToLanes(load16(block + 16 + 32 * c));
+    const __m512i second = bytesToLanes(load16(block + 32 + 32 * c));
+    use(4 * c, _mm512_permutexvar_ps(first, low));
+    use(4 * c + 1, _mm512_permutexvar_ps(second, low));
+    use(4 * c + 2, _mm512_permutexvar_ps(_mm512_srli_epi32(first, 4), high));
+    use(4 * c + 3, _mm512_permutexvar_ps(_mm512_srli_epi32(second, 4), high));
+  }
+};
+
+// 64 bytes on their way from byte arithmetic to lanes.
 struct alignas(64) CodeBytes {
   uint8_t byte[64];
 
@@ -188,7 +174,7 @@ struct alignas(64) CodeBytes {
 // 32 bytes in both halves.
 inline __m512i twice(const uint8_t* at) { return _mm512_broadcast_i64x4(load32(at)); }
 
-// The two halves shifted by their own amounts, in 16-bit words.
+// Shift counts of the 16-bit words of the two halves.
 inline __m512i halves(short low, short high) {
   return _mm512_inserti64x4(_mm512_set1_epi16(low), _mm256_set1_epi16(high), 1);
 }
@@ -198,92 +184,152 @@ inline __m512i select(__m512i mask, __m512i a, __m512i b) {
   return _mm512_ternarylogic_epi32(mask, a, b, 0xca);
 }
 
-// acc[i] += the 32 weights of sub-block j, given as codes of five bits and more, times x.
-inline void q5Add(const uint8_t* codes, const SubBlockScales& scales, size_t j, const float* x,
-                  __m512& acc0, __m512& acc1) {
-  const __m512 table = codeValues(scales, j, codesFrom(0));
-  const __m512 from16 = codeValues(scales, j, codesFrom(16));
-  const __m512i first = bytesToLanes(load16(codes));
-  const __m512i second = bytesToLanes(load16(codes + 16));
-  acc0 = _mm512_fmadd_ps(_mm512_permutex2var_ps(table, first, from16), _mm512_loadu_ps(x), acc0);
-  acc1 =
-      _mm512_fmadd_ps(_mm512_permutex2var_ps(table, second, from16), _mm512_loadu_ps(x + 16), acc1);
-}
+struct Q5kDecoder {
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kBytes = 176;
+  static constexpr size_t kChunks = 4;
 
-float dotQ5kRow(const uint8_t* row, size_t cols, const float* x) {
-  __m512 acc[4] = {};
-  const __m512i nibble = _mm512_set1_epi8(0x0f);
-  for (size_t at = 0; at < cols; at += 256, row += 176, x += 256) {
-    const SubBlockScales scales(row);
-    prefetch(row);
-    prefetch(row + 64);
-    prefetch(row + 128);
-    const __m512i fifths = twice(row + 16);
-    // Fifth bits of sub-blocks 0 and 2, 1 and 3, 4 and 6, 5 and 7, moved to bit 4. What lies above
-    // bit 4 does not matter: a permute of two tables reads five bits.
-    const __m512i qs0 = _mm512_loadu_si512(row + 48);
-    const __m512i qs1 = _mm512_loadu_si512(row + 112);
-    const CodeBytes c02(select(nibble, qs0, _mm512_sllv_epi16(fifths, halves(4, 2))));
-    const CodeBytes c13(
-        select(nibble, _mm512_srli_epi16(qs0, 4), _mm512_sllv_epi16(fifths, halves(3, 1))));
-    const CodeBytes c46(select(nibble, qs1, _mm512_srlv_epi16(fifths, halves(0, 2))));
-    const CodeBytes c57(
-        select(nibble, _mm512_srli_epi16(qs1, 4), _mm512_srlv_epi16(fifths, halves(1, 3))));
-    q5Add(c02.byte, scales, 0, x, acc[0], acc[1]);
-    q5Add(c13.byte, scales, 1, x + 32, acc[2], acc[3]);
-    q5Add(c02.byte + 32, scales, 2, x + 64, acc[0], acc[1]);
-    q5Add(c13.byte + 32, scales, 3, x + 96, acc[2], acc[3]);
-    q5Add(c46.byte, scales, 4, x + 128, acc[0], acc[1]);
-    q5Add(c57.byte, scales, 5, x + 160, acc[2], acc[3]);
-    q5Add(c46.byte + 32, scales, 6, x + 192, acc[0], acc[1]);
-    q5Add(c57.byte + 32, scales, 7, x + 224, acc[2], acc[3]);
-  }
-  return total(acc);
-}
+  SubBlockScales scales;
+  CodeBytes codes[4];  // of sub-blocks 0 and 2, 1 and 3, 4 and 6, 5 and 7
 
-// Signed bytes 4 * (code - 32) of 64 six-bit codes: the nibble moved to bits 2-5, the two high bits
-// to 6-7. The factor goes into the scale.
-inline CodeBytes q6Codes(__m512i nibbleAtBit2, __m512i highAtBit6) {
-  const __m512i code = select(_mm512_set1_epi8(0x3c), nibbleAtBit2, highAtBit6);
-  return CodeBytes(_mm512_ternarylogic_epi32(code, _mm512_set1_epi8(static_cast<char>(0xfc)),
-                                             _mm512_set1_epi8(static_cast<char>(0x80)), 0x6a));
-}
+  explicit Q5kDecoder(const uint8_t* block)
+      : Q5kDecoder(block, _mm512_loadu_si512(block + 48), _mm512_loadu_si512(block + 112),
+                   twice(block + 16), _mm512_set1_epi8(0x0f)) {}
 
-// acc[i] += 16 weights of one scale times x, for the four sub-blocks of 64 codes.
-inline void q6Add(const CodeBytes& codes, const float* scale, const float* x, __m512 acc[4]) {
-  for (size_t i = 0; i < 4; ++i) {
-    const __m512 code = _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(codes.byte + 16 * i)));
-    const __m512 weight = _mm512_mul_ps(code, _mm512_set1_ps(scale[i]));
-    acc[i] = _mm512_fmadd_ps(weight, _mm512_loadu_ps(x + 16 * i), acc[i]);
-  }
-}
-
-float dotQ6kRow(const uint8_t* row, size_t cols, const float* x) {
-  __m512 acc[4] = {};
-  for (size_t at = 0; at < cols; at += 256, row += 210) {
-    prefetch(row);
-    prefetch(row + 64);
-    prefetch(row + 128);
-    alignas(64) float scale[16];
-    const __m512 quarter = _mm512_set1_ps(0.25f * halfAt(row + 208));
-    _mm512_store_ps(
-        scale, _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(row + 192))), quarter));
-    keepInMemory(scale);
-    for (size_t h = 0; h < 2; ++h, x += 128) {
-      const __m512i ql = _mm512_loadu_si512(row + 64 * h);
-      const __m512i qh = twice(row + 128 + 32 * h);
-      // Bits 0-1 belong to the first 32 elements, 2-3 to the next; then 4-5 and 6-7.
-      const CodeBytes low = q6Codes(_mm512_slli_epi16(ql, 2), _mm512_sllv_epi16(qh, halves(6, 4)));
-      const CodeBytes high = q6Codes(_mm512_srli_epi16(ql, 2), _mm512_sllv_epi16(qh, halves(2, 0)));
-      q6Add(low, scale + 8 * h, x, acc);
-      q6Add(high, scale + 8 * h + 4, x + 64, acc);
+  template <typename Use>
+  void chunk(size_t c, const Use& use) const {
+    for (size_t j = 2 * c; j < 2 * c + 2; ++j) {
+      const uint8_t* bytes = codes[j / 4 * 2 + j % 2].byte + j / 2 % 2 * 32;
+      const __m512 table = scales.weights(j, codesFrom(0));
+      const __m512 from16 = scales.weights(j, codesFrom(16));
+      use(2 * j, _mm512_permutex2var_ps(table, bytesToLanes(load16(bytes)), from16));
+      use(2 * j + 1, _mm512_permutex2var_ps(table, bytesToLanes(load16(bytes + 16)), from16));
     }
   }
-  return total(acc);
+
+ private:
+  // The fifth bits go to bit 4. What lies above does not matter: a permute of two tables reads five
+  // bits.
+  Q5kDecoder(const uint8_t* block, __m512i qs0, __m512i qs1, __m512i fifths, __m512i nibble)
+      : scales(block),
+        codes{CodeBytes(select(nibble, qs0, _mm512_sllv_epi16(fifths, halves(4, 2)))),
+              CodeBytes(select(nibble, _mm512_srli_epi16(qs0, 4),
+                               _mm512_sllv_epi16(fifths, halves(3, 1)))),
+              CodeBytes(select(nibble, qs1, _mm512_srlv_epi16(fifths, halves(0, 2)))),
+              CodeBytes(select(nibble, _mm512_srli_epi16(qs1, 4),
+                               _mm512_srlv_epi16(fifths, halves(1, 3))))} {}
+};
+
+struct Q6kDecoder {
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kBytes = 210;
+  static constexpr size_t kChunks = 4;
+
+  alignas(64) float scale[16];
+  CodeBytes codes[4];  // of 64 elements each
+
+  explicit Q6kDecoder(const uint8_t* block)
+      : Q6kDecoder(block, _mm512_loadu_si512(block), _mm512_loadu_si512(block + 64),
+                   twice(block + 128), twice(block + 160)) {}
+
+  template <typename Use>
+  void chunk(size_t c, const Use& use) const {
+    for (size_t i = 0; i < 4; ++i) {
+      const __m512i code = _mm512_cvtepi8_epi32(load16(codes[c].byte + 16 * i));
+      use(4 * c + i, _mm512_mul_ps(_mm512_cvtepi32_ps(code), _mm512_set1_ps(scale[4 * c + i])));
+    }
+  }
+
+ private:
+  // Bits 0-1 of qh belong to the first 32 elements of a half, 2-3 to the next; then 4-5 and 6-7.
+  Q6kDecoder(const uint8_t* block, __m512i ql0, __m512i ql1, __m512i qh0, __m512i qh1)
+      : codes{bytes(_mm512_slli_epi16(ql0, 2), _mm512_sllv_epi16(qh0, halves(6, 4))),
+              bytes(_mm512_srli_epi16(ql0, 2), _mm512_sllv_epi16(qh0, halves(2, 0))),
+              bytes(_mm512_slli_epi16(ql1, 2), _mm512_sllv_epi16(qh1, halves(6, 4))),
+              bytes(_mm512_srli_epi16(ql1, 2), _mm512_sllv_epi16(qh1, halves(2, 0)))} {
+    const __m512 quarter = _mm512_set1_ps(0.25f * halfAt(block + 208));
+    const __m512i scales = _mm512_cvtepi8_epi32(load16(block + 192));
+    _mm512_store_ps(scale, _mm512_mul_ps(_mm512_cvtepi32_ps(scales), quarter));
+    keepInMemory(scale);
+  }
+
+  // Signed bytes 4 * (code - 32): the nibbles moved to bits 2-5, the two high bits to 6-7. The
+  // factor goes into the scale.
+  static CodeBytes bytes(__m512i nibbleAtBit2, __m512i highAtBit6) {
+    const __m512i code = select(_mm512_set1_epi8(0x3c), nibbleAtBit2, highAtBit6);
+    // (code & 0xfc) ^ 0x80
+    return CodeBytes(_mm512_ternarylogic_epi32(code, _mm512_set1_epi8(static_cast<char>(0xfc)),
+                                               _mm512_set1_epi8(static_cast<char>(0x80)), 0x6a));
+  }
+};
+
+// Products. Every (row, token) pair has one accumulator that takes the row's registers in order, so
+// its bits depend on nothing but the row and the input.
+
+// A decoder without a tail takes whole blocks only.
+template <typename Decoder>
+concept HasTail = requires {
+  &Decoder::tail;
+};
+
+// acc[r] += one block of each row times x. The rows take turns chunk by chunk, so that the chains
+// of their accumulators overlap.
+template <typename Decoder, size_t kRows>
+inline void addBlocks(const Decoder (&blocks)[kRows], const float* x, __m512 (&acc)[kRows]) {
+#pragma GCC unroll 4
+  for (size_t c = 0; c < Decoder::kChunks; ++c) {
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) {
+      blocks[r].chunk(c, [&](size_t i, __m512 weights) {
+        acc[r] = _mm512_fmadd_ps(weights, _mm512_loadu_ps(x + kWidth * i), acc[r]);
+      });
+    }
+  }
+}
+
+// y[r] += row r . x for kRows rows at once, one or four.
+template <typename Decoder, size_t kRows>
+void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
+  __m512 acc[kRows] = {};
+  const size_t blocks = cols / Decoder::kElements;
+  for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
+    const uint8_t* at = rows + b * Decoder::kBytes;
+    for (size_t r = 0; r < kRows; ++r) prefetch(at + r * rowBytes, Decoder::kBytes);
+    if constexpr (kRows == 1) {
+      addBlocks<Decoder, 1>({Decoder{at}}, x, acc);
+    } else {
+      addBlocks<Decoder, 4>({Decoder{at}, Decoder{at + rowBytes}, Decoder{at + 2 * rowBytes},
+                             Decoder{at + 3 * rowBytes}},
+                            x, acc);
+    }
+  }
+  if constexpr (HasTail<Decoder>) {
+    constexpr size_t kElementBytes = Decoder::kBytes / Decoder::kElements;
+    for (size_t i = blocks * Decoder::kElements; i < cols; i += kWidth, x += kWidth) {
+      const __mmask16 lanes = firstLanes(cols - i < kWidth ? cols - i : kWidth);
+      for (size_t r = 0; r < kRows; ++r) {
+        const __m512 weights = Decoder::tail(rows + r * rowBytes + i * kElementBytes, lanes);
+        acc[r] = _mm512_fmadd_ps(weights, _mm512_maskz_loadu_ps(lanes, x), acc[r]);
+      }
+    }
+  }
+  for (size_t r = 0; r < kRows; ++r) y[r] += _mm512_reduce_add_ps(acc[r]);
+}
+
+template <typename Decoder>
+void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
+          float* y) {
+  size_t r = 0;
+  for (; r + 4 <= rowCount; r += 4) {
+    dotRows<Decoder, 4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+  }
+  for (; r < rowCount; ++r) dotRows<Decoder, 1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
 }
 
 float dot(const float* a, const float* b, size_t n) {
-  return dotF32Row(reinterpret_cast<const uint8_t*>(a), n, b);
+  float result = 0;
+  dotRows<F32Decoder, 1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
+  return result;
 }
 
 // e^x to about one unit in the last place; NaN stays NaN, overflow gives infinity.
@@ -440,8 +486,8 @@ void deltaStep(float* state, const float* q, const float* k, float* v, float bet
 const KernelTable kAvx512Kernels = {
     .name = "avx512",
     .requiredFeatures = 0x3,  // compat::kCpuAvx2 | compat::kCpuAvx512
-    .gemv = {gemv<dotF32Row>, nullptr, gemv<dotBf16Row>, nullptr, gemv<dotQ80Row>, gemv<dotQ4kRow>,
-             gemv<dotQ5kRow>, gemv<dotQ6kRow>, nullptr},
+    .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
+             gemv<Q4kDecoder>, gemv<Q5kDecoder>, gemv<Q6kDecoder>, nullptr},
     .dot = dot,
     .silu = silu,
     .sigmoid = sigmoid,
