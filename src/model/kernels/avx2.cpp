@@ -146,10 +146,14 @@ struct Q4kDecoder {
   template <typename Use>
   void chunk(size_t c, const Use& use) const {
     const __m256i nibble = _mm256_set1_epi32(0x0f);
+    const uint8_t* bytes = block + 16 + 32 * c;
     for (size_t i = 0; i < 4; ++i) {
-      const __m256i codes = bytesToLanes(block + 16 + 32 * c + 8 * i);
-      use(8 * c + i, scales.weights(2 * c, _mm256_and_si256(codes, nibble)));
-      use(8 * c + 4 + i, scales.weights(2 * c + 1, _mm256_srli_epi32(codes, 4)));
+      const __m256i codes = _mm256_and_si256(bytesToLanes(bytes + 8 * i), nibble);
+      use(8 * c + i, scales.weights(2 * c, codes));
+    }
+    for (size_t i = 0; i < 4; ++i) {
+      const __m256i codes = _mm256_srli_epi32(bytesToLanes(bytes + 8 * i), 4);
+      use(8 * c + 4 + i, scales.weights(2 * c + 1, codes));
     }
   }
 };
@@ -184,6 +188,8 @@ struct Q5kDecoder {
     const CodeBytes high(codes(_mm256_srli_epi16(nibbles, 4), _mm256_srli_epi16(fifths, 1)));
     for (size_t i = 0; i < 4; ++i) {
       use(8 * c + i, scales.weights(2 * c, bytesToLanes(low.byte + 8 * i)));
+    }
+    for (size_t i = 0; i < 4; ++i) {
       use(8 * c + 4 + i, scales.weights(2 * c + 1, bytesToLanes(high.byte + 8 * i)));
     }
   }
@@ -302,6 +308,111 @@ void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
     dotRows<Decoder, 4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
   }
   for (; r < rowCount; ++r) dotRows<Decoder, 1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+}
+
+// Weights of kBatchRows rows, elements first..last - 1 of each, as [register][row][lane].
+template <typename Decoder>
+void decodeRows(const uint8_t* rows, size_t rowBytes, size_t first, size_t last, float* out) {
+  constexpr size_t kStride = kBatchRows * kWidth;
+  for (size_t r = 0; r < kBatchRows; ++r) {
+    const uint8_t* block = rows + r * rowBytes + first / Decoder::kElements * Decoder::kBytes;
+    float* at = out + r * kWidth;
+    size_t e = first;
+    for (; e + Decoder::kElements <= last; e += Decoder::kElements, block += Decoder::kBytes) {
+      prefetch(block, Decoder::kBytes);
+      const Decoder decoder{block};
+      for (size_t c = 0; c < Decoder::kChunks; ++c) {
+        decoder.chunk(
+            c, [&](size_t i, __m256 weights) { _mm256_store_ps(at + kStride * i, weights); });
+      }
+      at += Decoder::kElements / kWidth * kStride;
+    }
+    if constexpr (HasTail<Decoder>) {
+      if (e == last) continue;
+      alignas(32) uint8_t tail[Decoder::kBytes] = {};
+      __builtin_memcpy(tail, block, (last - e) * Decoder::kElementBytes);
+      Decoder{tail}.chunk(0, [&](size_t, __m256 weights) { _mm256_store_ps(at, weights); });
+    }
+  }
+}
+
+// Up to eight floats, the rest zero.
+inline __m256 loadUpTo(size_t count, const float* at) {
+  if (count >= kWidth) return _mm256_loadu_ps(at);
+  alignas(32) float tail[kWidth] = {};
+  __builtin_memcpy(tail, at, count * sizeof(float));
+  return _mm256_load_ps(tail);
+}
+
+// Rows whose accumulators for three tokens fit the sixteen registers.
+constexpr size_t kTileRows = 4;
+
+// Adds kTileRows rows of the decoded weights times kTokens inputs of `count` elements to the
+// accumulators [token][row][lane].
+template <size_t kTokens>
+void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count, float* sums) {
+  __m256 acc[kTokens][kTileRows];
+  for (size_t t = 0; t < kTokens; ++t) {
+    for (size_t r = 0; r < kTileRows; ++r) {
+      acc[t][r] = _mm256_load_ps(sums + (t * kBatchRows + r) * kWidth);
+    }
+  }
+  for (size_t e = 0; e < count; e += kWidth, weights += kBatchRows * kWidth) {
+    __m256 input[kTokens];
+    for (size_t t = 0; t < kTokens; ++t) input[t] = loadUpTo(count - e, x + t * xStride + e);
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kTileRows; ++r) {
+      const __m256 w = _mm256_load_ps(weights + r * kWidth);
+      for (size_t t = 0; t < kTokens; ++t) acc[t][r] = _mm256_fmadd_ps(w, input[t], acc[t][r]);
+    }
+  }
+  for (size_t t = 0; t < kTokens; ++t) {
+    for (size_t r = 0; r < kTileRows; ++r) {
+      _mm256_store_ps(sums + (t * kBatchRows + r) * kWidth, acc[t][r]);
+    }
+  }
+}
+
+// kBatchRows rows times all tokens.
+template <typename Decoder>
+void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t cols, const Batch& batch, float* y) {
+  float* weights = batch.scratch;
+  float* sums = weights + kBatchRows * kBatchCols;
+  __builtin_memset(sums, 0, batch.tokens * kBatchRows * kWidth * sizeof(float));
+  for (size_t first = 0; first < cols; first += kBatchCols) {
+    const size_t count = cols - first < kBatchCols ? cols - first : kBatchCols;
+    decodeRows<Decoder>(rows, rowBytes, first, first + count, weights);
+    const float* x = batch.x + first;
+    constexpr size_t kSums = kBatchRows * kWidth;  // of one token
+    for (size_t tile = 0; tile < kSums; tile += kTileRows * kWidth) {
+      size_t t = 0;
+      for (; t + 3 <= batch.tokens; t += 3) {
+        multiplyTile<3>(weights + tile, x + t * batch.xStride, batch.xStride, count,
+                        sums + t * kSums + tile);
+      }
+      for (; t < batch.tokens; ++t) {
+        multiplyTile<1>(weights + tile, x + t * batch.xStride, batch.xStride, count,
+                        sums + t * kSums + tile);
+      }
+    }
+  }
+  for (size_t t = 0; t < batch.tokens; ++t) {
+    for (size_t r = 0; r < kBatchRows; ++r, sums += kWidth) {
+      y[t * batch.yStride + r] += total(_mm256_load_ps(sums));
+    }
+  }
+}
+
+template <typename Decoder>
+void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
+  size_t r = 0;
+  for (; r + kBatchRows <= rowCount; r += kBatchRows) {
+    multiplyRows<Decoder>(rows + r * rowBytes, rowBytes, cols, batch, batch.y + r);
+  }
+  for (size_t t = 0; t < batch.tokens; ++t) {
+    gemv<Decoder>(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
+                  batch.y + t * batch.yStride + r);
+  }
 }
 
 float dot(const float* a, const float* b, size_t n) {
@@ -470,6 +581,8 @@ const KernelTable kAvx2Kernels = {
     .requiredFeatures = 0x1,  // compat::kCpuAvx2
     .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
              gemv<Q4kDecoder>, gemv<Q5kDecoder>, gemv<Q6kDecoder>, nullptr},
+    .gemm = {gemm<F32Decoder>, nullptr, gemm<Bf16Decoder>, nullptr, gemm<Q80Decoder>,
+             gemm<Q4kDecoder>, gemm<Q5kDecoder>, gemm<Q6kDecoder>, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

@@ -326,6 +326,100 @@ void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
   for (; r < rowCount; ++r) dotRows<Decoder, 1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
 }
 
+// Weights of kBatchRows rows, elements first..last - 1 of each, as [register][row][lane].
+template <typename Decoder>
+void decodeRows(const uint8_t* rows, size_t rowBytes, size_t first, size_t last, float* out) {
+  constexpr size_t kStride = kBatchRows * kWidth;
+  for (size_t r = 0; r < kBatchRows; ++r) {
+    const uint8_t* block = rows + r * rowBytes + first / Decoder::kElements * Decoder::kBytes;
+    float* at = out + r * kWidth;
+    size_t e = first;
+    for (; e + Decoder::kElements <= last; e += Decoder::kElements, block += Decoder::kBytes) {
+      prefetch(block, Decoder::kBytes);
+      const Decoder decoder{block};
+      for (size_t c = 0; c < Decoder::kChunks; ++c) {
+        decoder.chunk(
+            c, [&](size_t i, __m512 weights) { _mm512_store_ps(at + kStride * i, weights); });
+      }
+      at += Decoder::kElements / kWidth * kStride;
+    }
+    if constexpr (HasTail<Decoder>) {
+      constexpr size_t kElementBytes = Decoder::kBytes / Decoder::kElements;
+      for (; e < last; e += kWidth, block += kWidth * kElementBytes, at += kStride) {
+        const __mmask16 lanes = firstLanes(last - e < kWidth ? last - e : kWidth);
+        _mm512_store_ps(at, Decoder::tail(block, lanes));
+      }
+    }
+  }
+}
+
+// Adds the decoded weights times kTokens inputs of `count` elements to the accumulators
+// [token][row][lane].
+template <size_t kTokens>
+void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count, float* sums) {
+  __m512 acc[kTokens][kBatchRows];
+  for (size_t t = 0; t < kTokens; ++t) {
+    for (size_t r = 0; r < kBatchRows; ++r) {
+      acc[t][r] = _mm512_load_ps(sums + (t * kBatchRows + r) * kWidth);
+    }
+  }
+  for (size_t e = 0; e < count; e += kWidth, weights += kBatchRows * kWidth) {
+    const __mmask16 lanes = firstLanes(count - e < kWidth ? count - e : kWidth);
+    __m512 input[kTokens];
+    for (size_t t = 0; t < kTokens; ++t) {
+      input[t] = _mm512_maskz_loadu_ps(lanes, x + t * xStride + e);
+    }
+#pragma GCC unroll 8
+    for (size_t r = 0; r < kBatchRows; ++r) {
+      const __m512 w = _mm512_load_ps(weights + r * kWidth);
+      for (size_t t = 0; t < kTokens; ++t) acc[t][r] = _mm512_fmadd_ps(w, input[t], acc[t][r]);
+    }
+  }
+  for (size_t t = 0; t < kTokens; ++t) {
+    for (size_t r = 0; r < kBatchRows; ++r) {
+      _mm512_store_ps(sums + (t * kBatchRows + r) * kWidth, acc[t][r]);
+    }
+  }
+}
+
+// kBatchRows rows times all tokens.
+template <typename Decoder>
+void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t cols, const Batch& batch, float* y) {
+  float* weights = batch.scratch;
+  float* sums = weights + kBatchRows * kBatchCols;
+  __builtin_memset(sums, 0, batch.tokens * kBatchRows * kWidth * sizeof(float));
+  for (size_t first = 0; first < cols; first += kBatchCols) {
+    const size_t count = cols - first < kBatchCols ? cols - first : kBatchCols;
+    decodeRows<Decoder>(rows, rowBytes, first, first + count, weights);
+    const float* x = batch.x + first;
+    constexpr size_t kSums = kBatchRows * kWidth;  // of one token
+    size_t t = 0;
+    for (; t + 3 <= batch.tokens; t += 3) {
+      multiplyTile<3>(weights, x + t * batch.xStride, batch.xStride, count, sums + t * kSums);
+    }
+    for (; t < batch.tokens; ++t) {
+      multiplyTile<1>(weights, x + t * batch.xStride, batch.xStride, count, sums + t * kSums);
+    }
+  }
+  for (size_t t = 0; t < batch.tokens; ++t) {
+    for (size_t r = 0; r < kBatchRows; ++r, sums += kWidth) {
+      y[t * batch.yStride + r] += _mm512_reduce_add_ps(_mm512_load_ps(sums));
+    }
+  }
+}
+
+template <typename Decoder>
+void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
+  size_t r = 0;
+  for (; r + kBatchRows <= rowCount; r += kBatchRows) {
+    multiplyRows<Decoder>(rows + r * rowBytes, rowBytes, cols, batch, batch.y + r);
+  }
+  for (size_t t = 0; t < batch.tokens; ++t) {
+    gemv<Decoder>(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
+                  batch.y + t * batch.yStride + r);
+  }
+}
+
 float dot(const float* a, const float* b, size_t n) {
   float result = 0;
   dotRows<F32Decoder, 1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
@@ -488,6 +582,8 @@ const KernelTable kAvx512Kernels = {
     .requiredFeatures = 0x3,  // compat::kCpuAvx2 | compat::kCpuAvx512
     .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
              gemv<Q4kDecoder>, gemv<Q5kDecoder>, gemv<Q6kDecoder>, nullptr},
+    .gemm = {gemm<F32Decoder>, nullptr, gemm<Bf16Decoder>, nullptr, gemm<Q80Decoder>,
+             gemm<Q4kDecoder>, gemm<Q5kDecoder>, gemm<Q6kDecoder>, nullptr},
     .dot = dot,
     .silu = silu,
     .sigmoid = sigmoid,

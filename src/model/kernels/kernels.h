@@ -21,6 +21,26 @@ namespace qwen35 {
 using GemvKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                             const float* x, float* y);
 
+// The inputs and results of a product over several tokens.
+struct Batch {
+  const float* x;  // token t at x + t * xStride, cols floats
+  size_t xStride;
+  float* y;  // token t at y + t * yStride, one float a row; added to
+  size_t yStride;
+  size_t tokens;   // 1 to kMaxBatch
+  float* scratch;  // kBatchScratch floats of the calling thread, aligned to 64 bytes
+};
+
+inline constexpr size_t kMaxBatch = 64;
+inline constexpr size_t kBatchRows = 8;    // rows that a batched product decodes together
+inline constexpr size_t kBatchCols = 512;  // elements of each that stay in the nearest cache
+// Accumulators of kBatchRows rows for every token, and the decoded weights.
+inline constexpr size_t kBatchScratch = kBatchRows * (kMaxBatch * 16 + kBatchCols);
+
+// As GemvKernel for every token of the batch, with the same bits as one token at a time.
+using GemmKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                            const Batch& batch);
+
 // Full attention: four query heads of 256 share one key/value head.
 inline constexpr size_t kGroupHeads = 4;
 inline constexpr size_t kHeadSize = 256;
@@ -51,6 +71,7 @@ struct KernelTable {
 
   // By kiv::QuantType; null for the types that no matrix may have.
   GemvKernel gemv[9];
+  GemmKernel gemm[9];
 
   float (*dot)(const float* a, const float* b, size_t n);
 

@@ -64,6 +64,25 @@ void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
   }
 }
 
+// Each chunk is dequantized once for all tokens.
+template <void (*kDequantize)(const uint8_t*, float*, uint64_t), size_t kChunkBytes>
+void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
+  constexpr size_t kChunk = 256;
+  float weights[kChunk];
+  for (size_t r = 0; r < rowCount; ++r) {
+    const uint8_t* chunk = rows + r * rowBytes;
+    LaneSum sums[kMaxBatch];
+    for (size_t at = 0; at < cols; at += kChunk, chunk += kChunkBytes) {
+      const size_t n = std::min(kChunk, cols - at);
+      kDequantize(chunk, weights, n);
+      for (size_t t = 0; t < batch.tokens; ++t) {
+        sums[t].add(weights, batch.x + t * batch.xStride + at, n);
+      }
+    }
+    for (size_t t = 0; t < batch.tokens; ++t) batch.y[t * batch.yStride + r] += sums[t].total();
+  }
+}
+
 void silu(const float* x, float* out, size_t n) {
   for (size_t i = 0; i < n; ++i) out[i] = x[i] / (std::exp(-x[i]) + 1.0f);
 }
@@ -127,6 +146,18 @@ const KernelTable kScalarKernels = {
             gemv<kiv::quant::dequantQ4K, 144>,
             gemv<kiv::quant::dequantQ5K, 176>,
             gemv<kiv::quant::dequantQ6K, 210>,
+            nullptr,
+        },
+    .gemm =
+        {
+            gemm<f32FromBytes, 1024>,
+            nullptr,
+            gemm<bf16FromBytes, 512>,
+            nullptr,
+            gemm<kiv::quant::dequantQ80, 272>,
+            gemm<kiv::quant::dequantQ4K, 144>,
+            gemm<kiv::quant::dequantQ5K, 176>,
+            gemm<kiv::quant::dequantQ6K, 210>,
             nullptr,
         },
     .dot = dot,
