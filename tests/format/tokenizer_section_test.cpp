@@ -141,7 +141,8 @@ TEST(TokenizerSectionTest, CountsNeedTheirBytes) {
 TEST(TokenizerSectionTest, TheLimitIsCheckedBeforeTheBytes) {
   for (const uint32_t count : {67108864u, 67108865u}) {
     for (int list = 0; list < 4; ++list) {
-      if (list % 3 == 0 && count == 67108864) continue;  // strings for gigabytes
+      // Once is enough: 256 MiB here, strings for gigabytes in the other lists.
+      if (count == 67108864 && list != 1) continue;
       const Bytes head = upToCount(list).u32(count);
       std::vector<uint8_t> bytes = ContainerBuilder().section(SectionType::Tokenizer, head).build();
       const uint64_t offset = (bytes.size() + 63) / 64 * 64;
