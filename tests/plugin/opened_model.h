@@ -41,6 +41,12 @@ class ScopedEnv {
   std::optional<std::string> old_;
 };
 
+// Runs the mixers of a model, which these tests skip otherwise.
+class WithMixers : public ScopedEnv {
+ public:
+  WithMixers() : ScopedEnv("QWEN35_ABLATE", "") {}
+};
+
 // What a call that writes text to a buffer returned.
 struct Reply {
   int result;
