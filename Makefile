@@ -1,0 +1,29 @@
+# A thin front over CMake presets and scripts/; every recipe can be run by hand.
+JOBS ?= $(shell nproc)
+export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
+
+.PHONY: help demo test bench format clean
+
+help:
+	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
+	@echo 'make test     every check: format, lint, tests, tests under sanitizers'
+	@echo 'make bench    measure the demo model and the kernels on this machine'
+	@echo 'make format   format the sources in place'
+	@echo 'make clean    remove build/'
+	@echo
+	@echo 'JOBS=n        build and test with n processes (now $(JOBS))'
+
+demo:
+	@scripts/demo.sh
+
+test:
+	@scripts/test.sh
+
+bench:
+	@scripts/bench.sh
+
+format:
+	@scripts/check_format.sh --fix
+
+clean:
+	rm -rf build

@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that the project needs and that are not there yet.
+#   bootstrap.sh        to build and run
+#   bootstrap.sh all    to run every check as well
+set -euo pipefail
+
+packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  nlohmann-json3-dev libedit-dev)
+if [[ ${1:-} == all ]]; then
+  packages+=(git clang clang-format clang-tidy libclang-rt-dev libomp-dev python3 python3-numpy)
+fi
+
+fail() {
+  echo "bootstrap: $*" >&2
+  exit 1
+}
+
+if ! command -v apt-get >/dev/null || ! command -v dpkg-query >/dev/null; then
+  fail "this is no Debian-like system; install by hand what matches: ${packages[*]}"
+fi
+
+# Names that installed packages have or stand in for, as pkgconf does for pkg-config.
+present=$(dpkg-query -W -f '${db:Status-Status} ${Package}, ${Provides}\n' |
+  sed -n 's/^installed //p' | sed 's/ ([^)]*)//g' | tr ', ' '\n\n')
+missing=()
+for package in "${packages[@]}"; do
+  grep -qxF -- "$package" <<<"$present" || missing+=("$package")
+done
+if [[ ${#missing[@]} -eq 0 ]]; then
+  exit 0
+fi
+
+as_root=()
+if [[ $(id -u) -ne 0 ]]; then
+  command -v sudo >/dev/null || fail "neither root nor sudo; as root: apt-get install ${missing[*]}"
+  as_root=(sudo)
+fi
+echo "bootstrap: installing ${missing[*]}"
+apt=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300)
+"${as_root[@]}" "${apt[@]}" update || fail "apt-get update failed"
+"${as_root[@]}" "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >/dev/null ||
+  fail "apt-get could not install ${missing[*]}"

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Runs clang-tidy over the library and the tools with the compile commands of build/release. A
+# source that passed is left out until it, a header, the settings or its command change.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+version=14
+tool=$(command -v "clang-tidy-$version" || command -v clang-tidy || true)
+if [[ -z $tool ]] || ! "$tool" --version | grep -q "version $version\."; then
+  echo "check_tidy: skipped, needs clang-tidy $version"
+  exit 0
+fi
+commands=build/release/compile_commands.json
+if [[ ! -f $commands ]]; then
+  echo "check_tidy: configure first: cmake --preset release" >&2
+  exit 1
+fi
+
+passed=build/tidy
+mkdir -p "$passed"
+common=$(git ls-files -z -- '*.h' .clang-tidy | xargs -0 cat -- "$commands" | sha256sum)
+
+pending=()
+while IFS= read -r -d '' source; do
+  key=$({ echo "$common $source"; cat "$source"; } | sha256sum | cut -d' ' -f1)
+  [[ -e $passed/$key ]] || pending+=("$source" "$passed/$key")
+done < <(git ls-files -z -- 'src/*.cpp' 'tools/*.cpp')
+
+# Two words a process: the source, and the file that records its passing.
+if [[ ${#pending[@]} -gt 0 ]]; then
+  printf '%s\0' "${pending[@]}" |
+    xargs -0 -n 2 -P "${JOBS:-$(nproc)}" sh -c \
+      '"$0" --quiet -p build/release "$1" 2>/dev/null && touch "$2"' "$tool"
+fi
+echo "check_tidy: $((${#pending[@]} / 2)) checked, the rest unchanged"

@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Builds the tool and opens a conversation with the demo model; without a terminal it asks the
+# built-in questions and ends.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/bootstrap.sh
+[[ -f build/release/build.ninja ]] || cmake --preset release >/dev/null
+cmake --build --preset release --target orb
+if [[ -t 0 ]]; then
+  exec build/release/bin/orb chat models/demo.orb
+fi
+exec build/release/bin/orb chat models/demo.orb <models/demo/questions.txt
