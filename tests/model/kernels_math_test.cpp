@@ -374,8 +374,8 @@ TEST_P(DeltaStepTest, FollowsTheFormulaOverManySteps) {
       const float beta = unit(random);
       const float decay = step % 5 == 0 ? 1.0f : unit(random);
       GuardedBuffer out(v, Side::End), query(q, Side::End), key(k, Side::End);
-      kernels().deltaStep(state.floats(), query.floats(), key.floats(), out.floats(), beta, d,
-                          decay, scale);
+      kernels().deltaStep(state.floats(), state.floats(), query.floats(), key.floats(),
+                          out.floats(), beta, d, decay, scale);
       const std::vector<double> expected = reference.step(q, k, v, beta, decay, scale);
       for (size_t j = 0; j < d; ++j) {
         ASSERT_NEAR(out.floats()[j], expected[j], 1e-6) << "d " << d << ", step " << step;
@@ -395,7 +395,8 @@ TEST_P(DeltaStepTest, WithBetaZeroTheStateOnlyDecaysAndIsRead) {
     const std::vector<float> before = state;
     const std::vector<float> q = normals(d, random), k = normals(d, random);
     std::vector<float> v = normals(d, random);
-    kernels().deltaStep(state.data(), q.data(), k.data(), v.data(), 0, d, decay, 0.25f);
+    kernels().deltaStep(state.data(), state.data(), q.data(), k.data(), v.data(), 0, d, decay,
+                        0.25f);
     for (size_t j = 0; j < d; ++j) {
       double read = 0;
       for (size_t i = 0; i < d; ++i) {
@@ -414,7 +415,8 @@ TEST_P(DeltaStepTest, TheDecayComesBeforeTheRetrievalAndTheOutputAfterTheUpdate)
   q[0] = k[0] = 1;
   v[0] = 10;
   // Decayed 4; retrieved 4; delta (10 - 4) / 2 = 3; state 7; output 7 / 4.
-  kernels().deltaStep(state.data(), q.data(), k.data(), v.data(), 0.5f, d, 0.5f, 0.25f);
+  kernels().deltaStep(state.data(), state.data(), q.data(), k.data(), v.data(), 0.5f, d, 0.5f,
+                      0.25f);
   EXPECT_EQ(state[0], 7);
   EXPECT_EQ(v[0], 1.75f);
 }

@@ -351,36 +351,5 @@ TEST_F(HookTest, AHookWithoutAContextIsNotCalled) {
   EXPECT_EQ(product(hooked, tensor), product(plain, tensor));
 }
 
-TEST(RunProductsTest, HandsOutEveryFinishedRowOfEveryProductOnce) {
-  const TestTensor first(QuantType::Q4_K, {256, 700}), second(QuantType::F32, {256, 3}),
-      third(QuantType::Q8_0, {256, 129});
-  const TestTensor* tensors[] = {&first, &second, &third};
-  const std::vector<float> x = normals(256, 9);
-  for (const int threads : {1, 2, 3, 7}) {
-    const ThreadCount scope(threads);
-    Model model;
-    std::vector<float> y[3];
-    std::vector<float> expected[3];
-    std::vector<int> handed[3];
-    for (size_t p = 0; p < 3; ++p) {
-      y[p].assign(tensors[p]->rows(), 0.0f);
-      expected[p].assign(tensors[p]->rows(), 0.0f);
-      handed[p].assign(tensors[p]->rows(), 0);
-      gemvRow(model, &tensors[p]->view, x.data(), expected[p].data());
-    }
-    Product products[] = {{&first.view, x.data(), y[0].data()},
-                          {&second.view, x.data(), y[1].data()},
-                          {&third.view, x.data(), y[2].data()}};
-    runProducts(model, products, [&](size_t p, size_t begin, size_t end) {
-      for (size_t r = begin; r < end; ++r) {
-        if (y[p][r] == expected[p][r]) ++handed[p][r];  // finished by then
-      }
-    });
-    for (size_t p = 0; p < 3; ++p) {
-      EXPECT_EQ(handed[p], std::vector<int>(tensors[p]->rows(), 1)) << p;
-    }
-  }
-}
-
 }  // namespace
 }  // namespace qwen35

@@ -1,0 +1,211 @@
+// Batches of tokens: the same bits as one token at a time, on every tier, however a prompt is cut.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <limits>
+#include <string>
+#include <tuple>
+
+#include "model/forward.h"
+#include "model/guarded_buffer.h"
+#include "model/kernel_tiers.h"
+#include "model/small_model.h"
+#include "model/threads.h"
+#include "model/weight_patterns.h"
+
+namespace {
+
+using kiv::QuantType;
+using orbtest::GuardedBuffer;
+using orbtest::Side;
+using orbtest::SmallModel;
+using qwen35::Batch;
+using qwen35::KernelTable;
+using qwen35::Model;
+
+class BatchedProductTest
+    : public testing::TestWithParam<std::tuple<const KernelTable*, QuantType>> {
+ protected:
+  void SetUp() override {
+    if (!qwen35::canRun(tier())) GTEST_SKIP() << "this machine can't run " << tier().name;
+  }
+  const KernelTable& tier() const { return *std::get<0>(GetParam()); }
+  QuantType type() const { return std::get<1>(GetParam()); }
+
+  std::vector<uint8_t> makeRows(size_t rows, size_t cols) {
+    std::vector<uint8_t> all;
+    for (size_t r = 0; r < rows; ++r) {
+      const auto row = orbtest::makeRow(type(), orbtest::Pattern::Random, cols, random_);
+      all.insert(all.end(), row.begin(), row.end());
+    }
+    return all;
+  }
+
+  // Checks `rows` rows of `cols` elements over `tokens` tokens against single products.
+  void check(size_t rows, size_t cols, size_t tokens) {
+    SCOPED_TRACE(std::to_string(rows) + " rows of " + std::to_string(cols) + ", " +
+                 std::to_string(tokens) + " tokens");
+    const std::vector<uint8_t> weights = makeRows(rows, cols);
+    const size_t rowBytes = weights.size() / rows;
+    GuardedBuffer guarded(weights, Side::End);
+    GuardedBuffer x(orbtest::normalVector(tokens * cols, 7), Side::End);
+    const std::vector<float> start = orbtest::normalVector(tokens * rows, 8);
+    GuardedBuffer y(start, Side::End);
+    std::vector<float> expected = start;
+    const auto index = static_cast<size_t>(type());
+    for (size_t t = 0; t < tokens; ++t) {
+      tier().gemv[index](guarded.bytes(), rowBytes, rows, cols, x.floats() + t * cols,
+                         expected.data() + t * rows);
+    }
+    alignas(64) static float scratch[qwen35::kBatchScratch];
+    const Batch batch = {x.floats(), cols, y.floats(), rows, tokens, scratch};
+    tier().gemm[index](guarded.bytes(), rowBytes, rows, cols, batch);
+    EXPECT_EQ(std::memcmp(y.floats(), expected.data(), expected.size() * sizeof(float)), 0);
+  }
+
+ private:
+  std::mt19937 random_{5};
+};
+
+TEST_P(BatchedProductTest, HasTheBitsOfSingleProductsForEveryNumberOfTokens) {
+  for (size_t tokens : {1, 2, 3, 4, 5, 17, 64}) check(8, 512, tokens);
+}
+
+TEST_P(BatchedProductTest, TakesAnyNumberOfRows) {
+  for (size_t rows : {1, 7, 9, 16, 21}) check(rows, 256, 5);
+}
+
+TEST_P(BatchedProductTest, TakesRowsThatEndInsideAChunkOfElements) {
+  check(9, 768, 4);
+  check(8, 2560, 3);
+}
+
+TEST_P(BatchedProductTest, TakesRowsThatEndInsideARegister) {
+  if (type() != QuantType::F32 && type() != QuantType::BF16) return;
+  for (size_t cols : {1, 15, 40, 56, 531}) check(9, cols, 4);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tiers, BatchedProductTest,
+                         testing::Combine(testing::ValuesIn(qwen35::allKernels()),
+                                          testing::ValuesIn(orbtest::kMatrixTypes)),
+                         [](const auto& info) {
+                           return std::string(std::get<0>(info.param)->name) + "_" +
+                                  kiv::quantTypeName(std::get<1>(info.param));
+                         });
+
+// The state and the logits after a prompt that was fed in batches of the given size.
+struct Outcome {
+  std::vector<float> logits;
+  std::vector<float> states;
+};
+
+void append(std::vector<float>& out, const qwen35::ZeroedArray& values) {
+  out.insert(out.end(), values.begin(), values.end());
+}
+
+std::vector<float> statesOf(const Model& model) {
+  std::vector<float> states;
+  for (const qwen35::Layer& layer : model.layers) {
+    append(states, layer.recurrentState);
+    append(states, layer.convState);
+    append(states, layer.keyCache);
+    append(states, layer.valueCache);
+    states.push_back(static_cast<float>(layer.position));
+  }
+  return states;
+}
+
+std::vector<int32_t> somePrompt(const Model& model, size_t length) {
+  std::vector<int32_t> prompt(length);
+  for (size_t i = 0; i < length; ++i) {
+    prompt[i] = static_cast<int32_t>((i * 37 + 11) % model.vocabularySize);
+  }
+  return prompt;
+}
+
+// One token at a time for a batch size of 1.
+Outcome feed(Model& model, const std::vector<int32_t>& prompt, size_t batchSize) {
+  Outcome outcome;
+  outcome.logits.resize(model.vocabularySize);
+  std::vector<float> embedding(model.hiddenSize);
+  std::vector<float> hidden(model.hiddenSize);
+  for (size_t at = 0; at < prompt.size(); at += batchSize) {
+    const size_t count = std::min(batchSize, prompt.size() - at);
+    float* logits = at + count == prompt.size() ? outcome.logits.data() : nullptr;
+    if (count > 1) {
+      EXPECT_TRUE(qwen35::forwardBatch(model, prompt.data() + at, count, at, logits));
+      continue;
+    }
+    qwen35::embedRow(model, static_cast<size_t>(prompt[at]), embedding.data());
+    if (logits != nullptr) {
+      qwen35::forwardToken(model, embedding.data(), at, logits);
+    } else {
+      qwen35::forwardTokenHidden(model, embedding.data(), at, hidden.data());
+    }
+  }
+  outcome.states = statesOf(model);
+  return outcome;
+}
+
+bool sameBits(const std::vector<float>& a, const std::vector<float>& b) {
+  return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
+}
+
+class ForwardBatchTest : public orbtest::TierTest {};
+
+TEST_P(ForwardBatchTest, EverySplitOfAPromptGivesTheSameBits) {
+  SmallModel small(orbtest::smallOptions(), &kernels());
+  const std::vector<int32_t> prompt = somePrompt(small.model, 23);
+  const Outcome expected = feed(small.model, prompt, 1);
+  for (size_t batchSize : {2, 5, 11, 23}) {
+    SCOPED_TRACE(batchSize);
+    resetModel(small.model);
+    const Outcome outcome = feed(small.model, prompt, batchSize);
+    EXPECT_TRUE(sameBits(outcome.logits, expected.logits));
+    EXPECT_TRUE(sameBits(outcome.states, expected.states));
+  }
+}
+
+TEST_P(ForwardBatchTest, EveryNumberOfThreadsGivesTheSameBits) {
+  SmallModel small(orbtest::smallOptions(), &kernels());
+  const std::vector<int32_t> prompt = somePrompt(small.model, 12);
+  Outcome expected;
+  for (int threads : {1, 2, 3}) {
+    SCOPED_TRACE(threads);
+    const orbtest::ThreadCount count(threads);
+    resetModel(small.model);
+    const Outcome outcome = feed(small.model, prompt, 12);
+    if (threads == 1) expected = outcome;
+    EXPECT_TRUE(sameBits(outcome.logits, expected.logits));
+    EXPECT_TRUE(sameBits(outcome.states, expected.states));
+  }
+}
+
+ORB_INSTANTIATE_TIERS(ForwardBatchTest);
+
+TEST(ForwardBatchLongTest, ABatchThatCrossesRunsOfPositionsGivesTheSameBits) {
+  SmallModel small(orbtest::smallOptions(), nullptr, 600);
+  const std::vector<int32_t> prompt = somePrompt(small.model, 300);
+  const Outcome expected = feed(small.model, prompt, 1);
+  resetModel(small.model);
+  const Outcome outcome = feed(small.model, prompt, qwen35::kMaxBatch);
+  EXPECT_TRUE(sameBits(outcome.logits, expected.logits));
+  EXPECT_TRUE(sameBits(outcome.states, expected.states));
+}
+
+TEST(ForwardBatchFailureTest, ABatchWithAnInfiniteOutputLeavesTheModelAsItWas) {
+  SmallModel small;
+  orbtest::OwnTensor embedding(*small.model.tokenEmbedding);
+  embedding.row(3)[0] = std::numeric_limits<float>::infinity();
+  small.model.tokenEmbedding = &embedding.view;
+  feed(small.model, {1, 2, 4, 5}, 4);
+  const std::vector<float> before = statesOf(small.model);
+
+  const std::vector<int32_t> poisoned = {6, 3, 7};
+  std::vector<float> logits(small.model.vocabularySize);
+  EXPECT_FALSE(
+      qwen35::forwardBatch(small.model, poisoned.data(), poisoned.size(), 4, logits.data()));
+  EXPECT_TRUE(sameBits(statesOf(small.model), before));
+}
+
+}  // namespace
