@@ -71,6 +71,8 @@ void sizeState(const Model& model, Layer& layer) {
     layer.recurrentState.resize(model.linearHeadSize * model.linearHeadSize *
                                 model.linearValueHeads);
     layer.convState.resize((model.convKernel - 1) * model.convChannels());
+    layer.nextRecurrent.resize(layer.recurrentState.size());
+    layer.nextConv.resize(layer.convState.size());
   } else {
     const size_t cache = model.keyValueHeads * model.attentionHeadSize * model.maxContext;
     layer.keyCache.resize(cache);
@@ -82,21 +84,22 @@ void sizeWorkspace(Model& model) {
   uint64_t ffn = 0;
   for (const Layer& layer : model.layers) ffn = std::max(ffn, rowCount(*layer.ffnGate));
   Workspace& w = model.work;
-  for (ZeroedArray* a : {&w.x, &w.normed, &w.mixed, &w.residual, &w.ffnOut}) {
-    a->resize(model.hiddenSize);
+  for (TokenRows* rows : {&w.x, &w.normed, &w.mixed, &w.residual, &w.ffnOut}) {
+    rows->resizeRows(model.hiddenSize);
   }
   const uint64_t headWidth = model.attentionHeads * model.attentionHeadSize;
-  w.qkv.resize(std::max(2 * headWidth, model.convChannels()));
-  w.conv.resize(model.convChannels());
-  w.key.resize(model.keyValueHeads * model.attentionHeadSize);
-  w.value.resize(model.keyValueHeads * model.attentionHeadSize);
-  w.gate.resize(model.linearValueWidth);
-  w.beta.resize(model.linearValueHeads);
-  w.alpha.resize(model.linearValueHeads);
-  w.heads.resize(std::max(headWidth, model.linearValueWidth));
-  w.gated.resize(std::max(headWidth, model.linearValueWidth));
-  w.ffnGate.resize(ffn);
-  w.ffnUp.resize(ffn);
+  w.qkv.resizeRows(std::max(2 * headWidth, model.convChannels()));
+  w.conv.resizeRows(model.convChannels());
+  w.key.resizeRows(model.keyValueHeads * model.attentionHeadSize);
+  w.value.resizeRows(model.keyValueHeads * model.attentionHeadSize);
+  w.gate.resizeRows(model.linearValueWidth);
+  w.beta.resizeRows(model.linearValueHeads);
+  w.alpha.resizeRows(model.linearValueHeads);
+  w.heads.resizeRows(std::max(headWidth, model.linearValueWidth));
+  w.gated.resizeRows(std::max(headWidth, model.linearValueWidth));
+  w.ffnGate.resizeRows(ffn);
+  w.ffnUp.resizeRows(ffn);
+  w.batchScratch.resize(Team::kMaxThreads * kBatchScratch);
 }
 
 }  // namespace
@@ -130,16 +133,23 @@ bool bindModel(ORBLoader& loader, Model& model, size_t maxContext) {
 
 void resetModel(Model& model) {
   for (Layer& layer : model.layers) {
-    layer.recurrentState.clear();
-    layer.convState.clear();
-    // Only the slots that were written: the rest of a cache has never been touched.
-    const size_t used = layer.position * model.attentionHeadSize;
-    for (size_t g = 0; g < model.keyValueHeads && !layer.keyCache.empty(); ++g) {
-      const size_t first = g * model.maxContext * model.attentionHeadSize;
-      layer.keyCache.clear(first, used);
-      layer.valueCache.clear(first, used);
+    if (layer.isLinear) {
+      layer.recurrentState.clear();
+      layer.convState.clear();
+    } else {
+      // Only the slots that were written: the rest of a cache has never been touched.
+      clearCaches(model, layer, 0, layer.position);
     }
     layer.position = 0;
+  }
+}
+
+void clearCaches(const Model& model, Layer& layer, size_t first, size_t count) {
+  const size_t width = model.attentionHeadSize;
+  for (size_t g = 0; g < model.keyValueHeads; ++g) {
+    const size_t at = (g * model.maxContext + first) * width;
+    layer.keyCache.clear(at, count * width);
+    layer.valueCache.clear(at, count * width);
   }
 }
 

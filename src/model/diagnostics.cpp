@@ -17,12 +17,19 @@ double dotDouble(const float* a, const float* b, size_t n) {
 }
 
 double norm(const float* x, size_t n) { return std::sqrt(dotDouble(x, x, n)); }
-double norm(const ZeroedArray& x) { return norm(x.data(), x.size()); }
+double norm(const TokenRows& x) { return norm(x.data(), x.width()); }
 
 }  // namespace
 
-TokenDiagnostics::TokenDiagnostics(const Model& model, size_t pos)
-    : model_(model), pos_(pos), prints_(pos == 0 && isSet("QWEN35_DBG")) {
+bool diagnosticsRequested() {
+  constexpr const char* kVariables[] = {"QWEN35_ABLATE", "QWEN35_DBG",    "QWEN35_DBG2",
+                                        "QWEN35_DBG3",   "QWEN35_DBG4",   "QWEN35_HID_DUMP",
+                                        "QWEN35_TIMING", "QWEN35_NODECAY"};
+  return std::any_of(std::begin(kVariables), std::end(kVariables), isSet);
+}
+
+TokenDiagnostics::TokenDiagnostics(const Model& model, const float* embedding, size_t pos)
+    : model_(model), embedding_(embedding), pos_(pos), prints_(pos == 0 && isSet("QWEN35_DBG")) {
   if (const char* path = std::getenv("QWEN35_HID_DUMP")) dump_.reset(std::fopen(path, "ab"));
 }
 
@@ -48,28 +55,28 @@ void TokenDiagnostics::endBlock(size_t block) {
   if (prints_) std::fprintf(stderr, "        |ffn|=%.3e\n", norm(w.ffnOut));
 }
 
-void TokenDiagnostics::finished(const float* embedding) {
-  const ZeroedArray& x = model_.work.x;
+void TokenDiagnostics::finished() {
+  const TokenRows& x = model_.work.x;
   if (dump_ != nullptr) dumpRecord("result_norm", x);
   if (!prints_) return;
-  const double original = norm(embedding, x.size());
+  const double original = norm(embedding_, x.width());
   const double current = norm(x);
-  const double cosine = dotDouble(embedding, x.data(), x.size()) / (original * current);
+  const double cosine = dotDouble(embedding_, x.data(), x.width()) / (original * current);
   std::fprintf(stderr, "  final |orig|=%.3f |cur|=%.3f cos(orig,cur)=%.4f\n", original, current,
                cosine);
 }
 
-void TokenDiagnostics::dump(size_t block, const char* stage, const ZeroedArray& values) const {
+void TokenDiagnostics::dump(size_t block, const char* stage, const TokenRows& values) const {
   if (dump_ == nullptr) return;
   char name[48];
   std::snprintf(name, sizeof name, "S%zu.%s", block, stage);
   dumpRecord(name, values);
 }
 
-void TokenDiagnostics::dumpRecord(const char* name, const ZeroedArray& values) const {
+void TokenDiagnostics::dumpRecord(const char* name, const TokenRows& values) const {
   const auto position = static_cast<uint32_t>(pos_);
   const auto length = static_cast<uint32_t>(std::strlen(name));
-  const uint64_t count = values.size();
+  const uint64_t count = values.width();
   std::fwrite(&position, sizeof position, 1, dump_.get());
   std::fwrite(&length, sizeof length, 1, dump_.get());
   std::fwrite(name, 1, length, dump_.get());
@@ -129,8 +136,8 @@ void printLinearAttention(const Model& model, const Layer& layer, const LinearSt
   if (report.pos % 8 == 0 && isSet("QWEN35_DBG4")) {
     const size_t head = model.linearHeadSize * model.linearHeadSize;
     std::fprintf(stderr, "LIN S-pos=%zu |S|tot %.4e head0 %.4e |oT| %.3e av0 %.4f bv0 %.4f\n",
-                 report.pos, norm(layer.recurrentState), norm(layer.recurrentState.data(), head),
-                 norm(w.gated), g0, beta0);
+                 report.pos, norm(layer.recurrentState.data(), layer.recurrentState.size()),
+                 norm(layer.recurrentState.data(), head), norm(w.gated), g0, beta0);
   }
 }
 

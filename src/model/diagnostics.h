@@ -23,7 +23,11 @@
 
 namespace qwen35 {
 
-// Told of each stage of a forward pass; the values are in the model's work arrays.
+// Whether any variable above, QWEN35_ABLATE or QWEN35_NODECAY is set.
+bool diagnosticsRequested();
+
+// Told of each stage of a forward pass; the values are in the model's work arrays. The diagnostics
+// look at passes of one token only.
 class ForwardObserver {
  public:
   virtual ~ForwardObserver() = default;
@@ -31,27 +35,28 @@ class ForwardObserver {
   virtual void mixed(const Layer&, size_t /*block*/) {}  // work.mixed is ready
   virtual void normed(size_t /*block*/) {}               // work.residual and work.normed are ready
   virtual void endBlock(size_t /*block*/) {}             // work.ffnOut and work.x are ready
-  virtual void finished(const float* /*embedding*/) {}   // before the final norm
+  virtual void finished() {}                             // before the final norm
 };
 
 // QWEN35_DBG and QWEN35_HID_DUMP.
 class TokenDiagnostics final : public ForwardObserver {
  public:
-  TokenDiagnostics(const Model& model, size_t pos);
+  TokenDiagnostics(const Model& model, const float* embedding, size_t pos);
   void mixed(const Layer& layer, size_t block) override;
   void normed(size_t block) override;
   void endBlock(size_t block) override;
-  void finished(const float* embedding) override;
+  void finished() override;
 
  private:
   struct Close {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
 
-  void dump(size_t block, const char* stage, const ZeroedArray& values) const;
-  void dumpRecord(const char* name, const ZeroedArray& values) const;
+  void dump(size_t block, const char* stage, const TokenRows& values) const;
+  void dumpRecord(const char* name, const TokenRows& values) const;
 
   const Model& model_;
+  const float* embedding_;
   size_t pos_;
   bool prints_;
   std::unique_ptr<std::FILE, Close> dump_;

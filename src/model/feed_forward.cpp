@@ -6,27 +6,37 @@
 
 namespace qwen35 {
 
-void ffnStep(Model& model, Layer& layer, const float* x, float* out) {
+void feedForward(Model& model, Layer& layer, const float* x, float* out, size_t tokens) {
   Workspace& w = model.work;
   const size_t n = rowCount(*layer.ffnGate);
-  w.ffnGate.clear(0, n);
-  w.ffnUp.clear(0, n);
-  Product gate = {layer.ffnGate, x, w.ffnGate.data()};
-  Product up = {layer.ffnUp, x, w.ffnUp.data()};
+  const size_t hidden = model.hiddenSize;
+  w.ffnGate.clearRows(tokens);
+  w.ffnUp.clearRows(tokens);
+  Product gate(layer.ffnGate, x, hidden, w.ffnGate.data(), w.ffnGate.width(), tokens);
+  Product up(layer.ffnUp, x, hidden, w.ffnUp.data(), w.ffnUp.width(), tokens);
   prepare(model, gate);
   prepare(model, up);
   // A piece computes the same rows of both and their product while they are at hand.
   const size_t step = rowsPerPiece(gate.rowBytes + up.rowBytes);
-  model.team.forEach((n + step - 1) / step, [&](size_t piece) {
+  model.team.forEach((n + step - 1) / step, [&](size_t piece, size_t thread) {
     const size_t first = piece * step;
     const size_t last = std::min(first + step, n);
-    addRows(gate, first, last);
-    addRows(up, first, std::min(last, up.rows));
-    model.kernels->silu(gate.y + first, gate.y + first, last - first);
-    for (size_t i = first; i < last; ++i) gate.y[i] *= up.y[i];
+    addRows(model, gate, first, last, thread);
+    addRows(model, up, first, std::min(last, up.rows), thread);
+    for (size_t t = 0; t < tokens; ++t) {
+      float* g = w.ffnGate.row(t);
+      const float* u = w.ffnUp.row(t);
+      model.kernels->silu(g + first, g + first, last - first);
+      for (size_t i = first; i < last; ++i) g[i] *= u[i];
+    }
   });
-  std::fill_n(out, model.hiddenSize, 0.0f);
-  gemvRow(model, layer.ffnDown, w.ffnGate.data(), out);
+  std::fill_n(out, tokens * hidden, 0.0f);
+  Product down[] = {{layer.ffnDown, w.ffnGate.data(), w.ffnGate.width(), out, hidden, tokens}};
+  runProducts(model, down, [](size_t, size_t, size_t) {});
+}
+
+void ffnStep(Model& model, Layer& layer, const float* x, float* out) {
+  feedForward(model, layer, x, out, 1);
 }
 
 }  // namespace qwen35

@@ -15,4 +15,9 @@ namespace qwen35 {
 ORB_API void fullAttnStep(Model& model, Layer& layer, const float* x, float* out, size_t pos,
                           size_t blockIndex);
 
+// The same for `tokens` tokens in order, x and out being [token][hidden]; pos is that of the first.
+// All of them must fit the cache.
+void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
+                   size_t pos, size_t blockIndex);
+
 }  // namespace qwen35

@@ -55,30 +55,50 @@ struct Layer {
 
   ZeroedArray recurrentState;  // linear: [value head][key dim 128][value dim 128]
   ZeroedArray convState;       // linear: [channel][3], oldest input first
-  ZeroedArray keyCache;        // full: [key/value head][maxContext][256]
-  ZeroedArray valueCache;      // full: [key/value head][maxContext][256]
-  uint64_t position = 0;       // tokens consumed since the last reset
+  ZeroedArray nextRecurrent;   // linear: the states after a batch, until it is accepted
+  ZeroedArray nextConv;
+  ZeroedArray keyCache;    // full: [key/value head][maxContext][256]
+  ZeroedArray valueCache;  // full: [key/value head][maxContext][256]
+  uint64_t position = 0;   // tokens consumed since the last reset
 };
 
-// Work arrays of one forward pass; sized by bindModel, reused by every token.
+// One row of floats for each token of a batch.
+class TokenRows : public ZeroedArray {
+ public:
+  void resizeRows(size_t width) {
+    width_ = width;
+    resize(width * kMaxBatch);
+  }
+  size_t width() const { return width_; }
+  float* row(size_t token) { return data() + token * width_; }
+  const float* row(size_t token) const { return data() + token * width_; }
+  void clearRows(size_t tokens) { clear(0, tokens * width_); }
+
+ private:
+  size_t width_ = 0;
+};
+
+// Work arrays of one forward pass, a row for each token of a batch; sized by bindModel, reused by
+// every pass. Rows that no batch reaches cost no memory.
 struct Workspace {
-  ZeroedArray x;         // [hidden] running hidden vector
-  ZeroedArray normed;    // [hidden]
-  ZeroedArray mixed;     // [hidden] mixer output
-  ZeroedArray residual;  // [hidden]
-  ZeroedArray ffnOut;    // [hidden]
-  ZeroedArray qkv;       // [8192] projection of either mixer: q + gate, or q, k and v channels
-  ZeroedArray conv;      // [8192] convolved channels
-  ZeroedArray key;       // [1024]
-  ZeroedArray value;     // [1024]
-  ZeroedArray gate;      // [4096]
-  ZeroedArray beta;      // [32]
-  ZeroedArray alpha;     // [32]
-  ZeroedArray heads;     // [4096] head outputs before the gated norm
-  ZeroedArray gated;     // [4096] head outputs as projected
-  ZeroedArray ffnGate;   // [largest ffn]
-  ZeroedArray ffnUp;     // [largest ffn]
-  std::vector<AttentionPart> parts;  // [key/value head][run of positions]
+  TokenRows x;               // [hidden] running hidden vector
+  TokenRows normed;          // [hidden]
+  TokenRows mixed;           // [hidden] mixer output
+  TokenRows residual;        // [hidden]
+  TokenRows ffnOut;          // [hidden]
+  TokenRows qkv;             // [8192] projection of either mixer: q + gate, or q, k and v channels
+  TokenRows conv;            // [8192] convolved channels
+  TokenRows key;             // [1024]
+  TokenRows value;           // [1024]
+  TokenRows gate;            // [4096]
+  TokenRows beta;            // [32]
+  TokenRows alpha;           // [32]
+  TokenRows heads;           // [4096] queries, or head outputs before the gated norm
+  TokenRows gated;           // [4096] head outputs as projected
+  TokenRows ffnGate;         // [largest ffn]
+  TokenRows ffnUp;           // [largest ffn]
+  ZeroedArray batchScratch;  // [thread][kBatchScratch]
+  std::vector<AttentionPart> parts;  // [token][key/value head][run of positions]
 };
 
 // Optional accelerated product for Q4_K, Q5_K and Q6_K weights: adds W x into `output` and returns
@@ -131,6 +151,9 @@ ORB_API bool bindModel(kiv::ORBLoader& loader, Model& model,
 
 // Forgets the conversation: every position 0, every state and cache element 0, sizes kept.
 ORB_API void resetModel(Model& model);
+
+// Zeroes `count` slots of every key/value head of a full block, from `first` on.
+void clearCaches(const Model& model, Layer& layer, size_t first, size_t count);
 
 // Writes the embedding of `token` (below the vocabulary size) to out[hidden].
 ORB_API void embedRow(Model& model, size_t token, float* out);

@@ -1,6 +1,6 @@
 #include "model/team.h"
 
-#include <immintrin.h>
+#include <emmintrin.h>
 #include <omp.h>
 
 #include <algorithm>
@@ -29,20 +29,21 @@ uint32_t awaitChange(const std::atomic<uint32_t>& value, uint32_t old) {
 
 void Team::runErased(const Callable& body) {
   if (threads_ != 0) {
-    body.call(body.context, 0);
+    body.call(body.context, 0, 0);
     return;
   }
   threads_ = std::min(static_cast<size_t>(std::max(omp_get_max_threads(), 1)), kMaxThreads);
   over_.store(false, std::memory_order_relaxed);
   std::exception_ptr error;
-#pragma omp parallel num_threads(static_cast <int>(threads_))
+  const int teamSize = static_cast<int>(threads_);
+#pragma omp parallel num_threads(teamSize)
   {
     const auto self = static_cast<size_t>(omp_get_thread_num());
     if (self != 0) {
       serve(self);
     } else {
       try {
-        body.call(body.context, 0);
+        body.call(body.context, 0, 0);
       } catch (...) {
         error = std::current_exception();
       }
@@ -61,7 +62,7 @@ void Team::forEachErased(size_t pieces, const Callable& body) {
     return;
   }
   if (threads_ <= 1 || pieces <= 1) {
-    for (size_t piece = 0; piece < pieces; ++piece) body.call(body.context, piece);
+    for (size_t piece = 0; piece < pieces; ++piece) body.call(body.context, piece, 0);
     return;
   }
   publish(pieces, body);
@@ -93,7 +94,7 @@ void Team::takePieces(size_t self) {
       if (piece >= claim >> 32) break;
       // The claim holds the job open, so job_ is the one that the piece belongs to even when this
       // thread slept through the end of an earlier one.
-      job_.call(job_.context, piece);
+      job_.call(job_.context, piece, self);
       if (unfinished_.fetch_sub(1, std::memory_order_acq_rel) == 1) unfinished_.notify_one();
     }
   }

@@ -26,23 +26,26 @@ class Team {
   // throws leaves run(). Inside another run() of this team it just calls body().
   template <typename Body>
   void run(const Body& body) {
-    runErased({&body, [](const void* context, size_t) { (*static_cast<const Body*>(context))(); }});
+    runErased({&body, [](const void* context, size_t, size_t) {
+                 (*static_cast<const Body*>(context))();
+               }});
   }
 
-  // Calls body(piece) once for every piece below `pieces`, then returns. Each thread has a
-  // contiguous run of pieces and, when it is done, takes over what others have not begun. Which
-  // thread runs a piece must not change what it computes; the body must not throw.
+  // Calls body(piece, thread) once for every piece below `pieces`, then returns. Each thread, a
+  // number below kMaxThreads, has a contiguous run of pieces and, when it is done, takes over what
+  // others have not begun. Which thread runs a piece must not change what it computes; the body
+  // must not throw.
   template <typename Body>
   void forEach(size_t pieces, const Body& body) {
-    forEachErased(pieces, {&body, [](const void* context, size_t piece) {
-                             (*static_cast<const Body*>(context))(piece);
+    forEachErased(pieces, {&body, [](const void* context, size_t piece, size_t thread) {
+                             (*static_cast<const Body*>(context))(piece, thread);
                            }});
   }
 
  private:
   struct Callable {
     const void* context = nullptr;
-    void (*call)(const void* context, size_t piece) = nullptr;
+    void (*call)(const void* context, size_t piece, size_t thread) = nullptr;
   };
 
   // The pieces of one thread: the end in the high half, the next one in the low half, so that one

@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "compat/export.h"
 #include "format/loader.h"
 
 namespace qwen35 {
@@ -24,9 +23,9 @@ struct BindingDefect {
 
 // Defects of block `index` (0..31), missing required tensors included. The hidden size is the
 // embedding's row length; without a usable embedding only what does not depend on it is checked.
-ORB_API std::vector<BindingDefect> findBlockDefects(const kiv::ORBLoader& loader, size_t index);
+std::vector<BindingDefect> findBlockDefects(const kiv::ORBLoader& loader, size_t index);
 
 // Defects of the embedding and the output norm.
-ORB_API std::vector<BindingDefect> findGlobalDefects(const kiv::ORBLoader& loader);
+std::vector<BindingDefect> findGlobalDefects(const kiv::ORBLoader& loader);
 
 }  // namespace qwen35

@@ -21,10 +21,8 @@ const KernelTable& kernelsOf(const Model& model) {
 }
 
 // The scalar tier serves rows that are not whole blocks; no bound model has any.
-GemvKernel kernelFor(const KernelTable& kernels, QuantType type, uint64_t cols) {
-  const uint64_t block = kiv::quant::blockElements(type);
-  const KernelTable& table = block != 0 && cols % block == 0 ? kernels : kScalarKernels;
-  return table.gemv[static_cast<size_t>(type)];
+const KernelTable& kernelsFor(const Model& model, QuantType type, uint64_t cols) {
+  return cols % kiv::quant::blockElements(type) == 0 ? kernelsOf(model) : kScalarKernels;
 }
 
 bool isSuperBlock(QuantType type) {
@@ -32,6 +30,10 @@ bool isSuperBlock(QuantType type) {
 }
 
 }  // namespace
+
+bool hasHook(const Model& model) {
+  return model.matVecHook != nullptr && model.matVecContext != nullptr;
+}
 
 void rowToF32(const kiv::TensorView* tensor, size_t row, size_t n, float* out) {
   const auto type = static_cast<QuantType>(tensor->type);
@@ -72,16 +74,36 @@ void prepare(Model& model, Product& product) {
   const auto type = static_cast<QuantType>(W.type);
   product.rows = rowCount(W);
   product.rowBytes = rowStride(type, W.dims[0]);
-  if (product.rowBytes != 0) product.kernel = kernelFor(kernelsOf(model), type, W.dims[0]);
-  if (model.matVecHook != nullptr && model.matVecContext != nullptr && isSuperBlock(type)) {
+  // A type that no weight may have adds nothing; binding refuses it.
+  product.done = product.rowBytes == 0;
+  if (product.done) return;
+  const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
+  product.gemv = kernels.gemv[static_cast<size_t>(type)];
+  product.gemm = kernels.gemm[static_cast<size_t>(type)];
+  if (product.tokens == 1 && hasHook(model) && isSuperBlock(type)) {
     product.done = model.matVecHook(model.matVecContext, &W, product.x, product.y);
   }
-  // A type that no weight may have adds nothing; binding refuses it.
-  if (product.kernel == nullptr) product.done = true;
+}
+
+void addRows(Model& model, const Product& product, size_t first, size_t last, size_t thread) {
+  if (product.done || first >= last) return;
+  const uint8_t* rows = product.W->data + first * product.rowBytes;
+  const size_t cols = product.W->dims[0];
+  if (product.tokens == 1) {
+    product.gemv(rows, product.rowBytes, last - first, cols, product.x, product.y + first);
+    return;
+  }
+  product.gemm(rows, product.rowBytes, last - first, cols,
+               {.x = product.x,
+                .xStride = product.xStride,
+                .y = product.y + first,
+                .yStride = product.yStride,
+                .tokens = product.tokens,
+                .scratch = model.work.batchScratch.data() + thread * kBatchScratch});
 }
 
 void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y) {
-  Product products[] = {{W, x, y}};
+  Product products[] = {{W, x, 0, y, 0, 1}};
   runProducts(model, products, [](size_t, size_t, size_t) {});
 }
 
@@ -92,7 +114,7 @@ void addProduct(const KernelTable& kernels, QuantType type, const void* rows, si
   const GemvKernel kernel = kernels.gemv[static_cast<size_t>(type)];
   const auto* bytes = static_cast<const uint8_t*>(rows);
   Team team;
-  team.forEach((count + step - 1) / step, [&](size_t piece) {
+  team.forEach((count + step - 1) / step, [&](size_t piece, size_t) {
     const size_t first = piece * step;
     const size_t n = std::min(step, count - first);
     kernel(bytes + first * rowBytes, rowBytes, n, cols, x, y + first);

@@ -33,17 +33,35 @@ ORB_API void gemvRow(Model& model, const kiv::TensorView* W, const float* x, flo
 void addProduct(const KernelTable& kernels, kiv::QuantType type, const void* rows, size_t count,
                 size_t cols, const float* x, float* y);
 
-// One product of a group that shares a parallel region.
+// One product of a group that shares a parallel region, over the tokens of a batch.
 struct Product {
   const kiv::TensorView* W;
-  const float* x;     // [dims[0]]
-  float* y;           // [rows], added to
-  bool done = false;  // by the model's hook
+  const float* x;  // token t at x + t * xStride, dims[0] floats
+  size_t xStride;
+  float* y;  // token t at y + t * yStride, one float a row; added to
+  size_t yStride;
+  size_t tokens;
 
+  bool done = false;  // by the model's hook
   size_t rows = 0;
   size_t rowBytes = 0;
-  GemvKernel kernel = nullptr;
+  GemvKernel gemv = nullptr;
+  GemmKernel gemm = nullptr;
+
+  Product(const kiv::TensorView* weights, const TokenRows& input, TokenRows& output, size_t count)
+      : Product(weights, input.data(), input.width(), output.data(), output.width(), count) {}
+  Product(const kiv::TensorView* weights, const float* input, size_t inputStride, float* output,
+          size_t outputStride, size_t count)
+      : W(weights),
+        x(input),
+        xStride(inputStride),
+        y(output),
+        yStride(outputStride),
+        tokens(count) {}
 };
+
+// Whether an accelerated product is installed; it takes one token at a time.
+bool hasHook(const Model& model);
 
 // Rows of one piece: about 32 KiB of weights, in whole cache lines of y.
 size_t rowsPerPiece(size_t rowBytes);
@@ -51,12 +69,8 @@ size_t rowsPerPiece(size_t rowBytes);
 // Looks up kernels and sizes, and offers the product to the model's hook.
 void prepare(Model& model, Product& product);
 
-inline void addRows(const Product& product, size_t first, size_t last) {
-  if (product.done || first >= last) return;
-  const auto* rows = product.W->data + first * product.rowBytes;
-  product.kernel(rows, product.rowBytes, last - first, product.W->dims[0], product.x,
-                 product.y + first);
-}
+// Adds rows first..last - 1 of the product, on the given thread of the model's team.
+void addRows(Model& model, const Product& product, size_t first, size_t last, size_t thread);
 
 // Adds every product into its y in one parallel region, then hands each finished run of rows to
 // finish(productIndex, firstRow, lastRow) on the thread that computed it.
@@ -68,14 +82,14 @@ void runProducts(Model& model, Product (&products)[kCount], const Finish& finish
     const size_t step = rowsPerPiece(products[p].rowBytes);
     firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
   }
-  model.team.forEach(firstPiece[kCount], [&](size_t piece) {
+  model.team.forEach(firstPiece[kCount], [&](size_t piece, size_t thread) {
     size_t p = 0;
     while (piece >= firstPiece[p + 1]) ++p;
     const Product& product = products[p];
     const size_t step = rowsPerPiece(product.rowBytes);
     const size_t first = (piece - firstPiece[p]) * step;
     const size_t last = std::min(first + step, product.rows);
-    addRows(product, first, last);
+    addRows(model, product, first, last, thread);
     finish(p, first, last);
   });
 }

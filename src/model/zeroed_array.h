@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace qwen35 {
 
@@ -42,6 +43,12 @@ class ZeroedArray {
   bool empty() const { return size_ == 0; }
   float& operator[](size_t i) { return data_[i]; }
   const float& operator[](size_t i) const { return data_[i]; }
+  void swap(ZeroedArray& other) noexcept {
+    std::swap(memory_, other.memory_);
+    std::swap(data_, other.data_);
+    std::swap(size_, other.size_);
+  }
+
   const float* begin() const { return data_; }
   const float* end() const { return data_ + size_; }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <span>
 #include <string>
 
 #include "model/forward.h"
@@ -10,55 +11,86 @@
 namespace qwen35 {
 namespace {
 
-constexpr size_t kLogitCheckStride = 4096;
+using Clock = std::chrono::steady_clock;
 
-// Runs one forward pass of the token and books its time.
-template <typename Pass>
-void feed(Qwen35Session& session, int32_t token, const Pass& pass) {
-  using Clock = std::chrono::steady_clock;
-  embedRow(session.model, static_cast<size_t>(token), session.hidden.data());
-  const Clock::time_point start = Clock::now();
-  pass(session.hidden.data());
-  session.lastForwardMs = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-  session.totalForwardMs += session.lastForwardMs;
-  session.position += 1;
+// Books a pass over `count` tokens that began at `start`; each has its share of the time.
+void book(Qwen35Session& session, Clock::time_point start, size_t count) {
+  const double elapsed = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  session.totalForwardMs += elapsed;
+  session.lastForwardMs = elapsed / static_cast<double>(count);
+  session.position += count;
 }
 
 bool hasEmbedding(const Model& model, int32_t token) {
   return token >= 0 && static_cast<uint64_t>(token) < model.vocabularySize;
 }
 
-}  // namespace
-
-void feedForLogits(Qwen35Session& session, int32_t token) {
-  feed(session, token, [&](const float* embedding) {
-    forwardToken(session.model, embedding, session.position, session.logits.data());
-  });
+// How many of the tokens can be fed in one pass: as many as there are, fit the context and have an
+// embedding row.
+size_t batchSize(const Qwen35Session& session, std::span<const int32_t> tokens) {
+  const Model& model = session.model;
+  const size_t most = std::min({tokens.size(), kMaxBatch, model.maxContext - session.position});
+  size_t count = 0;
+  while (count < most && hasEmbedding(model, tokens[count])) ++count;
+  return count;
 }
 
-bool logitsAreFinite(const Qwen35Session& session) {
-  for (size_t i = 0; i < session.logits.size(); i += kLogitCheckStride) {
-    if (!std::isfinite(session.logits[i])) return false;
+// Feeds one token of a prompt; the last one's logits are wanted. False when it can't be fed or an
+// output is not finite.
+bool feedPromptToken(Qwen35Session& session, int32_t token, bool isLast) {
+  Model& model = session.model;
+  if (session.position >= model.maxContext || !hasEmbedding(model, token)) return false;
+  if (isLast) {
+    feedForLogits(session, token);
+    return logitsAreFinite(session);
   }
+  embedRow(model, static_cast<size_t>(token), session.hidden.data());
+  std::vector<float> out(model.hiddenSize);
+  const Clock::time_point start = Clock::now();
+  forwardTokenHidden(model, session.hidden.data(), session.position, out.data());
+  book(session, start, 1);
+  return std::all_of(out.begin(), out.end(), [](float value) { return std::isfinite(value); });
+}
+
+// Feeds the tokens in one pass; false leaves the session as it was.
+bool feedPromptBatch(Qwen35Session& session, std::span<const int32_t> tokens, bool isLast) {
+  const Clock::time_point start = Clock::now();
+  float* logits = isLast ? session.logits.data() : nullptr;
+  if (!forwardBatch(session.model, tokens.data(), tokens.size(), session.position, logits)) {
+    return false;
+  }
+  book(session, start, tokens.size());
   return true;
 }
 
+}  // namespace
+
+void feedForLogits(Qwen35Session& session, int32_t token) {
+  embedRow(session.model, static_cast<size_t>(token), session.hidden.data());
+  const Clock::time_point start = Clock::now();
+  forwardToken(session.model, session.hidden.data(), session.position, session.logits.data());
+  book(session, start, 1);
+}
+
+bool logitsAreFinite(const Qwen35Session& session) {
+  return logitsAreFinite(session.logits.data(), session.logits.size());
+}
+
 bool prefill(Qwen35Session& session, const std::vector<int32_t>& tokens) {
-  Model& model = session.model;
   std::fill(session.hidden.begin(), session.hidden.end(), 0.0f);
   std::fill(session.logits.begin(), session.logits.end(), 0.0f);
-  std::vector<float> scratch(model.hiddenSize);
-  for (size_t i = 0; i < tokens.size(); ++i) {
-    if (session.position >= model.maxContext || !hasEmbedding(model, tokens[i])) return false;
-    if (i + 1 == tokens.size()) {
-      feedForLogits(session, tokens[i]);
-      return logitsAreFinite(session);
+  const bool batches = canBatch(session.model);
+  std::span<const int32_t> rest(tokens);
+  while (!rest.empty()) {
+    const size_t count = batches ? std::max<size_t>(batchSize(session, rest), 1) : 1;
+    const auto batch = rest.first(count);
+    rest = rest.subspan(count);
+    if (count > 1 && feedPromptBatch(session, batch, rest.empty())) continue;
+    // Single tokens, and a batch that failed: one by one up to the token that fails.
+    for (size_t i = 0; i < count; ++i) {
+      const bool isLast = rest.empty() && i + 1 == count;
+      if (!feedPromptToken(session, batch[i], isLast)) return false;
     }
-    feed(session, tokens[i], [&](const float* embedding) {
-      forwardTokenHidden(model, embedding, session.position, scratch.data());
-    });
-    const auto finite = [](float value) { return std::isfinite(value); };
-    if (!std::all_of(scratch.begin(), scratch.end(), finite)) return false;
   }
   return true;
 }

@@ -28,7 +28,7 @@ bool generate(Qwen35Session& session, size_t maxNewTokens, int32_t stopId, const
 // One forward pass of the token to the session's logits, timed; advances the position.
 void feedForLogits(Qwen35Session& session, int32_t token);
 
-// Whether the sampled elements of the logits are finite: every 4096th, so that it costs nothing.
+// Whether the sampled elements of the session's logits are finite.
 bool logitsAreFinite(const Qwen35Session& session);
 
 }  // namespace qwen35

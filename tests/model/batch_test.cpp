@@ -88,9 +88,9 @@ TEST_P(BatchedProductTest, TakesRowsThatEndInsideARegister) {
 INSTANTIATE_TEST_SUITE_P(Tiers, BatchedProductTest,
                          testing::Combine(testing::ValuesIn(qwen35::allKernels()),
                                           testing::ValuesIn(orbtest::kMatrixTypes)),
-                         [](const auto& info) {
-                           return std::string(std::get<0>(info.param)->name) + "_" +
-                                  kiv::quantTypeName(std::get<1>(info.param));
+                         [](const auto& test) {
+                           return std::string(std::get<0>(test.param)->name) + "_" +
+                                  kiv::quantTypeName(std::get<1>(test.param));
                          });
 
 // The state and the logits after a prompt that was fed in batches of the given size.

@@ -531,15 +531,15 @@ void attend(const AttentionRun& run, AttentionPart& part) {
 // Columns j .. j + 8 * kRegisters of one delta step. The first pass gathers k.S and q.S of the old
 // state, the second decays and updates it; the output follows from q.S' = decay q.S + (q.k) delta.
 template <size_t kRegisters>
-void deltaColumns(float* state, const float* q, const float* k, float* v, float beta, size_t d,
-                  float decay, float scale, float qk) {
+void deltaColumns(const float* from, float* to, const float* q, const float* k, float* v,
+                  float beta, size_t d, float decay, float scale, float qk) {
   __m256 kS[kRegisters] = {};
   __m256 qS[kRegisters] = {};
   for (size_t i = 0; i < d; ++i) {
     const __m256 ki = _mm256_set1_ps(k[i]);
     const __m256 qi = _mm256_set1_ps(q[i]);
     for (size_t c = 0; c < kRegisters; ++c) {
-      const __m256 s = _mm256_loadu_ps(state + i * d + kWidth * c);
+      const __m256 s = _mm256_loadu_ps(from + i * d + kWidth * c);
       kS[c] = _mm256_fmadd_ps(ki, s, kS[c]);
       qS[c] = _mm256_fmadd_ps(qi, s, qS[c]);
     }
@@ -555,22 +555,22 @@ void deltaColumns(float* state, const float* q, const float* k, float* v, float 
   for (size_t i = 0; i < d; ++i) {
     const __m256 ki = _mm256_set1_ps(k[i]);
     for (size_t c = 0; c < kRegisters; ++c) {
-      float* at = state + i * d + kWidth * c;
-      const __m256 decayed = _mm256_mul_ps(decays, _mm256_loadu_ps(at));
-      _mm256_storeu_ps(at, _mm256_fmadd_ps(ki, delta[c], decayed));
+      const size_t at = i * d + kWidth * c;
+      const __m256 decayed = _mm256_mul_ps(decays, _mm256_loadu_ps(from + at));
+      _mm256_storeu_ps(to + at, _mm256_fmadd_ps(ki, delta[c], decayed));
     }
   }
 }
 
-void deltaStep(float* state, const float* q, const float* k, float* v, float beta, size_t d,
-               float decay, float scale) {
+void deltaStep(const float* from, float* to, const float* q, const float* k, float* v, float beta,
+               size_t d, float decay, float scale) {
   const float qk = dot(q, k, d);
   size_t j = 0;
   for (; j + 4 * kWidth <= d; j += 4 * kWidth) {
-    deltaColumns<4>(state + j, q, k, v + j, beta, d, decay, scale, qk);
+    deltaColumns<4>(from + j, to + j, q, k, v + j, beta, d, decay, scale, qk);
   }
   for (; j < d; j += kWidth) {
-    deltaColumns<1>(state + j, q, k, v + j, beta, d, decay, scale, qk);
+    deltaColumns<1>(from + j, to + j, q, k, v + j, beta, d, decay, scale, qk);
   }
 }
 

@@ -532,15 +532,15 @@ void attend(const AttentionRun& run, AttentionPart& part) {
 // Columns j .. j + 16 * kRegisters of one delta step. The first pass gathers k.S and q.S of the old
 // state, the second decays and updates it; the output follows from q.S' = decay q.S + (q.k) delta.
 template <size_t kRegisters>
-void deltaColumns(float* state, const float* q, const float* k, float* v, float beta, size_t d,
-                  float decay, float scale, float qk) {
+void deltaColumns(const float* from, float* to, const float* q, const float* k, float* v,
+                  float beta, size_t d, float decay, float scale, float qk) {
   __m512 kS[kRegisters] = {};
   __m512 qS[kRegisters] = {};
   for (size_t i = 0; i < d; ++i) {
     const __m512 ki = _mm512_set1_ps(k[i]);
     const __m512 qi = _mm512_set1_ps(q[i]);
     for (size_t c = 0; c < kRegisters; ++c) {
-      const __m512 s = _mm512_loadu_ps(state + i * d + kWidth * c);
+      const __m512 s = _mm512_loadu_ps(from + i * d + kWidth * c);
       kS[c] = _mm512_fmadd_ps(ki, s, kS[c]);
       qS[c] = _mm512_fmadd_ps(qi, s, qS[c]);
     }
@@ -556,22 +556,22 @@ void deltaColumns(float* state, const float* q, const float* k, float* v, float 
   for (size_t i = 0; i < d; ++i) {
     const __m512 ki = _mm512_set1_ps(k[i]);
     for (size_t c = 0; c < kRegisters; ++c) {
-      float* at = state + i * d + kWidth * c;
-      const __m512 decayed = _mm512_mul_ps(decays, _mm512_loadu_ps(at));
-      _mm512_storeu_ps(at, _mm512_fmadd_ps(ki, delta[c], decayed));
+      const size_t at = i * d + kWidth * c;
+      const __m512 decayed = _mm512_mul_ps(decays, _mm512_loadu_ps(from + at));
+      _mm512_storeu_ps(to + at, _mm512_fmadd_ps(ki, delta[c], decayed));
     }
   }
 }
 
-void deltaStep(float* state, const float* q, const float* k, float* v, float beta, size_t d,
-               float decay, float scale) {
+void deltaStep(const float* from, float* to, const float* q, const float* k, float* v, float beta,
+               size_t d, float decay, float scale) {
   const float qk = dot(q, k, d);
   size_t j = 0;
   for (; j + 4 * kWidth <= d; j += 4 * kWidth) {
-    deltaColumns<4>(state + j, q, k, v + j, beta, d, decay, scale, qk);
+    deltaColumns<4>(from + j, to + j, q, k, v + j, beta, d, decay, scale, qk);
   }
   for (; j < d; j += kWidth) {
-    deltaColumns<1>(state + j, q, k, v + j, beta, d, decay, scale, qk);
+    deltaColumns<1>(from + j, to + j, q, k, v + j, beta, d, decay, scale, qk);
   }
 }
 

@@ -3,19 +3,18 @@
 
 #include <span>
 
-#include "compat/export.h"
 #include "model/kernels/kernels.h"
 
 namespace qwen35 {
 
 // All tiers of this build, best last. A tier may need more than the machine has.
-ORB_API std::span<const KernelTable* const> allKernels();
+std::span<const KernelTable* const> allKernels();
 
 // Whether the CPU and the operating system provide what the tier needs.
-ORB_API bool canRun(const KernelTable& kernels);
+bool canRun(const KernelTable& kernels);
 
 // The tier called `name` when there is one and this machine can run it, else (also for null) the
 // best one that it can.
-ORB_API const KernelTable& selectKernels(const char* name);
+const KernelTable& selectKernels(const char* name);
 
 }  // namespace qwen35

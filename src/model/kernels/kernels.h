@@ -83,11 +83,11 @@ struct KernelTable {
 
   void (*attend)(const AttentionRun& run, AttentionPart& part);
 
-  // One gated delta-rule update of the d x d matrix `state` (key index major), d a multiple of 16
-  // and at most 128. With S = decay * state: m_j = sum k_i S_ij, delta_j = (v_j - m_j) * beta,
-  // S_ij += k_i * delta_j, v_j = scale * sum q_i S_ij.
-  void (*deltaStep)(float* state, const float* q, const float* k, float* v, float beta, size_t d,
-                    float decay, float scale);
+  // One gated delta-rule update of the d x d matrix at `from` (key index major) into `to`, which
+  // may be the same; d is a multiple of 16 and at most 128. With S = decay * from: m_j = sum k_i
+  // S_ij, delta_j = (v_j - m_j) * beta, to_ij = S_ij + k_i * delta_j, v_j = scale * sum q_i to_ij.
+  void (*deltaStep)(const float* from, float* to, const float* q, const float* k, float* v,
+                    float beta, size_t d, float decay, float scale);
 };
 
 extern const KernelTable kScalarKernels;

@@ -113,19 +113,19 @@ void attend(const AttentionRun& run, AttentionPart& part) {
   }
 }
 
-void deltaStep(float* state, const float* q, const float* k, float* v, float beta, size_t d,
-               float decay, float scale) {
+void deltaStep(const float* from, float* to, const float* q, const float* k, float* v, float beta,
+               size_t d, float decay, float scale) {
   for (size_t j = 0; j < d; ++j) {
     float retrieved = 0;
     for (size_t i = 0; i < d; ++i) {
-      state[i * d + j] *= decay;
-      retrieved += k[i] * state[i * d + j];
+      to[i * d + j] = from[i * d + j] * decay;
+      retrieved += k[i] * to[i * d + j];
     }
     const float delta = (v[j] - retrieved) * beta;
     float out = 0;
     for (size_t i = 0; i < d; ++i) {
-      state[i * d + j] += k[i] * delta;
-      out += q[i] * state[i * d + j];
+      to[i * d + j] += k[i] * delta;
+      out += q[i] * to[i * d + j];
     }
     v[j] = scale * out;
   }
