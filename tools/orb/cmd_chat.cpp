@@ -91,9 +91,10 @@ class Chat {
 
   void greet() const {
     if (!editor_) return;
-    note(format("%s, context %llu tokens, tier %s, %d threads; /help lists the commands",
+    const int threads = threadsInUse(options_.model);
+    note(format("%s, context %llu tokens, tier %s, %d thread%s; /help lists the commands",
                 printable(options_.model.model).c_str(), static_cast<unsigned long long>(context_),
-                tierInUse(options_.model).c_str(), threadsInUse(options_.model)));
+                tierInUse(options_.model).c_str(), threads, threads == 1 ? "" : "s"));
   }
 
   // False at the end of the input.

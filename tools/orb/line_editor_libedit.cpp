@@ -57,7 +57,7 @@ LineEditor::LineEditor() : state_(std::make_unique<State>()) {
   el_set(s.editor, EL_BIND, "^C", "orb-interrupt", nullptr);
   el_set(s.editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
   // While a line is edited the terminal makes no signal of Ctrl-C.
-  el_set(s.editor, EL_SETTY, "-d", "intr=", nullptr);
+  el_set(s.editor, EL_SETTY, "-d", "-isig", nullptr);
 }
 
 LineEditor::~LineEditor() {
