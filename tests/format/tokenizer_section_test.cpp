@@ -137,6 +137,16 @@ TEST(TokenizerSectionTest, CountsNeedTheirBytes) {
   }
 }
 
+TEST(TokenizerSectionTest, NoMoreIsReservedThanTheBytesCouldHold) {
+  TokenizerData data;
+  EXPECT_FALSE(decode(upToCount(0).u32(67108864).zeros(64), data));
+  EXPECT_LE(data.tokens.capacity(), 16u);
+  EXPECT_FALSE(decode(upToCount(3).u32(67108864).zeros(64), data));
+  EXPECT_LE(data.merges.capacity(), 16u);
+  EXPECT_FALSE(decode(upToCount(1).u32(67108864).zeros(64), data));
+  EXPECT_LE(data.scores.capacity(), 16u);
+}
+
 // The bytes of the list are a hole in the file, so that the count alone decides.
 TEST(TokenizerSectionTest, TheLimitIsCheckedBeforeTheBytes) {
   for (const uint32_t count : {67108864u, 67108865u}) {

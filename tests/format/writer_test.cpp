@@ -164,10 +164,10 @@ TEST_F(WriterTest, TheIndexIsSortedAndEveryTensorAligned) {
 
 TEST_F(WriterTest, AliasesShareTheBytes) {
   openWriter();
-  ASSERT_TRUE(addFloats("z", {1, 2}).ok());
+  ASSERT_TRUE(addFloats("z.with.a.long.name", {1, 2}).ok());
   ASSERT_TRUE(addFloats("y", {3}).ok());
   const uint64_t before = writer_.bytesWritten();
-  ASSERT_TRUE(writer_.addAlias("a", "z").ok());
+  ASSERT_TRUE(writer_.addAlias("a", "z.with.a.long.name").ok());
   ASSERT_TRUE(writer_.addAlias("b", "a").ok());
   EXPECT_EQ(writer_.bytesWritten(), before);
   writer_.setTokenizer({});
@@ -176,7 +176,7 @@ TEST_F(WriterTest, AliasesShareTheBytes) {
   ORBLoader loader;
   ASSERT_EQ(loader.open(path_.c_str()).message, "");
   EXPECT_EQ(loader.tensorCount, 4u);
-  const TensorView* z = loader.findTensor("z");
+  const TensorView* z = loader.findTensor("z.with.a.long.name");
   for (const char* alias : {"a", "b"}) {
     const TensorView* view = loader.findTensor(alias);
     ASSERT_NE(view, nullptr);
@@ -184,6 +184,7 @@ TEST_F(WriterTest, AliasesShareTheBytes) {
     EXPECT_EQ(view->size, 8u);
     EXPECT_EQ(view->dims[0], 2u);
     EXPECT_EQ(view->name, alias);
+    EXPECT_NE(loader.reader.findTensor(alias), nullptr);
   }
 }
 
@@ -206,6 +207,13 @@ TEST_F(WriterTest, AnAbandonedModelLeavesNothing) {
     ASSERT_TRUE(destroyed.open(path_, false).ok());
   }
   EXPECT_EQ(filesLeft(), Names{});
+}
+
+TEST_F(WriterTest, ATensorThatWasAbandonedDoesNotStayOpen) {
+  openWriter();
+  ASSERT_TRUE(writer_.beginTensor("a", QuantType::F32, {1}).ok());
+  openWriter();
+  EXPECT_EQ(writer_.finish().message, "");
 }
 
 TEST_F(WriterTest, OneWriterWritesOneModelAfterTheOther) {
