@@ -8,6 +8,7 @@ CORPUS = Path(__file__).with_name("corpus.txt")
 QUESTIONS = Path(__file__).with_name("questions.txt")
 UNSEEN = Path(__file__).with_name("unseen.txt")
 MOST_WORDINGS = 20
+CONVERSATION_REPEATS = 3
 
 
 @dataclasses.dataclass
@@ -169,7 +170,7 @@ def epoch(corpus, tokenizer, rng, max_length):
             taken.pop()
         del questions[:len(taken)]
         sequences.append(encode_turns(tokenizer, taken))
-    for turns in corpus.conversations:
+    for turns in corpus.conversations * CONVERSATION_REPEATS:
         pairs = [(vary(rng.choice(turn.questions), rng), turn.answer) for turn in turns]
         sequences.append(encode_turns(tokenizer, pairs))
     sequences += [encode_prose(tokenizer, text) for text in corpus.prose]

@@ -9,6 +9,7 @@ import argparse
 import math
 import os
 import random
+import sys
 import time
 from pathlib import Path
 
@@ -21,6 +22,7 @@ from tokenizer import Tokenizer
 
 MERGES = 900
 WARM_UP_STEPS = 60
+LONGEST_STEP = 10.0  # seconds; time beyond is a pause of the process and not counted
 
 
 def parse_arguments():
@@ -169,7 +171,7 @@ class Run:
             step_loss, step_weight = self.train_step(batch)
             loss, weight = loss + step_loss, weight + step_weight
             tokens += sum(len(sequence[0]) for sequence in batch)
-            self.elapsed += time.time() - step_begin
+            self.elapsed += min(time.time() - step_begin, LONGEST_STEP)
         self.epoch += 1
         self.log(f"epoch {self.epoch} step {self.step} loss {loss / weight:.4f} "
                  f"rate {self.optimizer.param_groups[0]['lr']:.2e} {tokens / (time.time() - begin):.0f} tokens/s")
@@ -187,6 +189,7 @@ def main():
     args = parse_arguments()
     torch.set_num_threads(args.threads)
     run = Run(args)
+    run.log("start: " + " ".join([Path(sys.argv[0]).name] + sys.argv[1:]))
     run.log(f"{sum(p.numel() for p in run.model.parameters())} parameters, "
             f"{len(run.tokenizer.tokens)} tokens, {len(run.exam)} questions")
     while run.share() < 1:
