@@ -49,7 +49,7 @@ void runBlocks(Model& model, size_t tokens, size_t pos, ForwardObserver& observe
     observer.beginBlock();
     mix(model, layer, tokens, i, pos);
     observer.mixed(layer, i);
-    model.team.forEach(tokens, [&](size_t t, size_t) {
+    model.team.forEach(tokens, [&](size_t t) {
       add(w.x.row(t), w.mixed.row(t), w.residual.row(t), hidden);
       rmsNorm(w.residual.row(t), floats(layer.postAttentionNorm), w.normed.row(t), hidden,
               kEpsilon);

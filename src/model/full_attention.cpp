@@ -60,7 +60,7 @@ void addBias(const kiv::TensorView* bias, TokenRows& rows, size_t tokens) {
 void project(Model& model, const Layer& layer, const float* x, size_t tokens) {
   Workspace& w = model.work;
   const size_t hidden = model.hiddenSize;
-  model.team.forEach(tokens, [&](size_t t, size_t) {
+  model.team.forEach(tokens, [&](size_t t) {
     rmsNorm(x + t * hidden, floats(layer.attnNorm), w.normed.row(t), hidden, kEpsilon);
   });
   for (TokenRows* rows : {&w.qkv, &w.key, &w.value}) rows->clearRows(tokens);
@@ -137,7 +137,7 @@ void attendRuns(Model& model, Layer& layer, const Span& span) {
   Workspace& w = model.work;
   const size_t groups = model.keyValueHeads;
   w.parts.resize(std::max(w.parts.size(), span.count * groups * span.runs));
-  model.team.forEach(groups * span.runs, [&](size_t piece, size_t) {
+  model.team.forEach(groups * span.runs, [&](size_t piece) {
     const size_t g = piece / span.runs;
     const size_t r = piece % span.runs;
     const size_t position = r * kAttentionRun;
@@ -177,9 +177,8 @@ void attendAll(Model& model, Layer& layer, size_t tokens, size_t pos, size_t blo
   for (size_t first = 0; first < tokens; first += step) {
     const Span span = {first, std::min(step, tokens - first), layer.position, runs};
     attendRuns(model, layer, span);
-    model.team.forEach(span.count, [&](size_t t, size_t) {
-      gateHeads(model, span, t, pos + first + t, blockIndex);
-    });
+    model.team.forEach(span.count,
+                       [&](size_t t) { gateHeads(model, span, t, pos + first + t, blockIndex); });
   }
 }
 
@@ -188,8 +187,8 @@ void attendAll(Model& model, Layer& layer, size_t tokens, size_t pos, size_t blo
 void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
                    size_t pos, size_t blockIndex) {
   project(model, layer, x, tokens);
-  model.team.forEach(
-      tokens, [&](size_t t, size_t) { placeHeads(model, layer, t, pos + t, layer.position + t); });
+  model.team.forEach(tokens,
+                     [&](size_t t) { placeHeads(model, layer, t, pos + t, layer.position + t); });
   attendAll(model, layer, tokens, pos, blockIndex);
   layer.position += tokens;
   const TokenRows& gated = model.work.gated;

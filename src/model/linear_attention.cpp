@@ -63,7 +63,7 @@ void convolve(Model& model, const Layer& layer, const States& states, size_t tok
 void project(Model& model, Layer& layer, const States& states, const float* x, size_t tokens) {
   Workspace& w = model.work;
   const size_t hidden = model.hiddenSize;
-  model.team.forEach(tokens, [&](size_t t, size_t) {
+  model.team.forEach(tokens, [&](size_t t) {
     rmsNorm(x + t * hidden, floats(layer.attnNorm), w.normed.row(t), hidden, kEpsilon);
   });
   for (TokenRows* rows : {&w.qkv, &w.conv, &w.gate, &w.beta, &w.alpha}) rows->clearRows(tokens);
@@ -124,7 +124,7 @@ void linearAttention(Model& model, Layer& layer, const float* x, float* out, siz
   project(model, layer, states, x, tokens);
   const bool decays = std::getenv("QWEN35_NODECAY") == nullptr;
   // One head's state stays in a core's own cache over the whole batch.
-  model.team.forEach(model.linearValueHeads, [&](size_t h, size_t) {
+  model.team.forEach(model.linearValueHeads, [&](size_t h) {
     const size_t at = h * kHeadWidth * kHeadWidth;
     const float* from = states.recurrent + at;
     float* to = states.recurrentOut + at;

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 namespace qwen35 {
 
@@ -31,14 +32,19 @@ class Team {
                }});
   }
 
-  // Calls body(piece, thread) once for every piece below `pieces`, then returns. Each thread, a
-  // number below kMaxThreads, has a contiguous run of pieces and, when it is done, takes over what
-  // others have not begun. Which thread runs a piece must not change what it computes; the body
-  // must not throw.
+  // Calls body(piece), or body(piece, thread) with a thread number below kMaxThreads, once for every
+  // piece below `pieces`, then returns. Each thread has a contiguous run of pieces and, when it is
+  // done, takes over what others have not begun. Which thread runs a piece must not change what it
+  // computes; the body must not throw.
   template <typename Body>
   void forEach(size_t pieces, const Body& body) {
     forEachErased(pieces, {&body, [](const void* context, size_t piece, size_t thread) {
-                             (*static_cast<const Body*>(context))(piece, thread);
+                             const Body& call = *static_cast<const Body*>(context);
+                             if constexpr (std::is_invocable_v<const Body&, size_t, size_t>) {
+                               call(piece, thread);
+                             } else {
+                               call(piece);
+                             }
                            }});
   }
 

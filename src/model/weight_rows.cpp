@@ -114,7 +114,7 @@ void addProduct(const KernelTable& kernels, QuantType type, const void* rows, si
   const GemvKernel kernel = kernels.gemv[static_cast<size_t>(type)];
   const auto* bytes = static_cast<const uint8_t*>(rows);
   Team team;
-  team.forEach((count + step - 1) / step, [&](size_t piece, size_t) {
+  team.forEach((count + step - 1) / step, [&](size_t piece) {
     const size_t first = piece * step;
     const size_t n = std::min(step, count - first);
     kernel(bytes + first * rowBytes, rowBytes, n, cols, x, y + first);
