@@ -66,10 +66,11 @@ std::vector<uint8_t> ModelFile::build() const {
   kiv::TokenizerData tokenizer;
   tokenizer.tokens = {"a", "b"};
   builder.tokenizer(tokenizer);
-  std::map<std::vector<uint8_t>, uint64_t> offsets;
+  std::map<std::string, uint64_t> offsets;
   Bytes weights;
   for (const auto& [name, spec] : tensors_) {
-    const auto [place, isNew] = offsets.emplace(spec.data, (weights.size() + 63) / 64 * 64);
+    const std::string bytes(spec.data.begin(), spec.data.end());
+    const auto [place, isNew] = offsets.emplace(bytes, (weights.size() + 63) / 64 * 64);
     if (isNew) {
       weights.zeros(place->second - weights.size());
       weights.raw(Bytes(spec.data));

@@ -19,7 +19,7 @@ using orbtest::ThreadCount;
 // returns after all of them.
 std::vector<int> runsOf(Team& team, size_t pieces) {
   std::vector<int> runs(pieces, 0);
-  team.forEach(pieces, [&](size_t piece) { ++runs[piece]; });
+  team.forEach(pieces, [&](size_t piece, size_t) { ++runs[piece]; });
   return runs;
 }
 
@@ -55,18 +55,36 @@ TEST_P(TeamTest, AJobSeesWhatTheOneBeforeItWrote) {
       // Shifted by one, so that neighbours are mostly written by the same thread, some by another.
       std::vector<int> next(values.size());
       team_.forEach(values.size(),
-                    [&](size_t i) { next[i] = values[(i + 1) % values.size()] + 1; });
+                    [&](size_t i, size_t) { next[i] = values[(i + 1) % values.size()] + 1; });
       values = next;
     }
   });
   EXPECT_EQ(values, std::vector<int>(500, 200));
 }
 
+TEST_P(TeamTest, TheNumberOfTheThreadIsItsOwnWhileAJobRuns) {
+  // Plain counters, one a thread: lost counts would mean that two threads had the same number.
+  std::vector<int> counts(Team::kMaxThreads, 0);
+  team_.run([&] {
+    for (int job = 0; job < 200; ++job) {
+      team_.forEach(50, [&](size_t, size_t thread) { ++counts.at(thread); });
+    }
+  });
+  int sum = 0;
+  for (size_t t = 0; t < counts.size(); ++t) {
+    sum += counts[t];
+    if (t >= static_cast<size_t>(GetParam())) {
+      EXPECT_EQ(counts[t], 0) << t;
+    }
+  }
+  EXPECT_EQ(sum, 200 * 50);
+}
+
 TEST_P(TeamTest, WaitsForASlowPiece) {
   team_.run([&] {
     for (const size_t slow : {0, 3, 7}) {
       std::vector<int> runs(8, 0);
-      team_.forEach(8, [&](size_t piece) {
+      team_.forEach(8, [&](size_t piece, size_t) {
         if (piece == slow) std::this_thread::sleep_for(std::chrono::milliseconds(5));
         ++runs[piece];
       });
