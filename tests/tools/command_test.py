@@ -114,7 +114,7 @@ class Info(CommandTest):
     def test_a_model_is_described(self):
         out, err = self.orb("info", MODEL)
         for text in ("ORB2 version 2", "general.architecture", "qwen35", "160 tokens (3 special)",
-                     "24 linear, 8 full", "blk.31.attn_output.weight", "key/value caches",
+                     "24 linear and 8 full blocks", "blk.31.attn_output.weight", "key/value caches",
                      "tensor index"):
             self.assertIn(text, out.decode())
         self.assertNotIn(b"check", out)
@@ -295,7 +295,7 @@ class Chat(CommandTest):
     def test_an_unknown_command_is_not_sent_to_the_model(self):
         out, err = self.orb("chat", MODEL, stdin="/nonsense\n/stats\n", code=1)
         self.assertIn(b"found /nonsense", err)
-        self.assertIn(b"context          0 of", out)
+        self.assertIn(b"context         0 of", out)
 
     def test_a_full_context_says_so_and_reset_helps(self):
         out, err = self.orb("chat", MODEL, "--context", "60", "--max-tokens", "10",
@@ -484,7 +484,7 @@ class Terminal(CommandTest):
         self.wait_for(b"^C")
         self.wait_for_prompt()
         self.type(b"/stats\n")
-        self.wait_for(b"context          0 of")
+        self.wait_for(b"context         0 of")
         self.wait_for_prompt()
         self.type(b"\x04")
         self.assertEqual(self.exit_code(), 0)
@@ -492,13 +492,13 @@ class Terminal(CommandTest):
     def test_lines_can_be_edited_and_recalled(self):
         self.wait_for_prompt()
         self.type(b"/statsX\x7f\n")  # backspace
-        self.wait_for(b"context          0 of")
+        self.wait_for(b"context         0 of")
         self.wait_for_prompt()
         self.type(b"\x1b[A\n")  # the line before, again
-        self.wait_for(b"context          0 of")
+        self.wait_for(b"context         0 of")
         self.wait_for_prompt()
         self.type("/\u00e9\u4f60\x7f\x7f".encode() + b"stats\n")
-        self.wait_for(b"context          0 of")
+        self.wait_for(b"context         0 of")
         self.wait_for_prompt()
         self.type(b"\x04")
         self.assertEqual(self.exit_code(), 0)

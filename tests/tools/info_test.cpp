@@ -100,7 +100,7 @@ TEST(InfoTest, MemoryIsReckonedFromTheKindsOfBlocks) {
   const MemoryFacts memory = examine(modelFile()).model.memory;
   EXPECT_EQ(memory.mapping, modelFile().size());
   EXPECT_EQ(memory.cachePerPosition, 8u * 2 * 4 * 256 * 4);
-  EXPECT_EQ(memory.states, 24u * (128 * 128 * 32 + 3 * 8192) * 4);
+  EXPECT_EQ(memory.states, 2u * 24 * (128 * 128 * 32 + 3 * 8192) * 4);
 }
 
 TEST(InfoTest, BytesPerTokenCountSharedWeightsEveryTime) {

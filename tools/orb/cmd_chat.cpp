@@ -12,6 +12,7 @@
 #include "orb/line_editor.h"
 #include "orb/model_session.h"
 #include "orb/platform.h"
+#include "orb/table.h"
 #include "orb/text.h"
 #include "orb/utf8_assembler.h"
 
@@ -92,9 +93,9 @@ class Chat {
   void greet() const {
     if (!editor_) return;
     const int threads = threadsInUse(options_.model);
-    note(format("%s, context %llu tokens, tier %s, %d thread%s; /help lists the commands",
-                printable(options_.model.model).c_str(), static_cast<unsigned long long>(context_),
-                tierInUse(options_.model).c_str(), threads, threads == 1 ? "" : "s"));
+    note(printable(options_.model.model) + ", context " + std::to_string(context_) +
+         " tokens, tier " + tierInUse(options_.model) + ", " + std::to_string(threads) +
+         (threads == 1 ? " thread" : " threads") + "; /help lists the commands");
   }
 
   // False at the end of the input.
@@ -134,14 +135,15 @@ class Chat {
   void printStats() {
     ORBRuntimeStats stats{};
     runtime_.stats(stats);
-    std::printf("context          %llu of %llu tokens\n",
-                static_cast<unsigned long long>(stats.contextTokens),
-                static_cast<unsigned long long>(context_));
-    std::printf("answers          %llu, %llu tokens\n", static_cast<unsigned long long>(answers_),
-                static_cast<unsigned long long>(answerTokens_));
-    std::printf("forward passes   %s, the last one %s\n",
-                formatDuration(stats.totalForwardMs / 1000).c_str(),
-                formatDuration(stats.lastForwardMs / 1000).c_str());
+    Table table({{""}, {""}});
+    table.addRow({"context", std::to_string(stats.contextTokens) + " of " +
+                                 std::to_string(context_) + " tokens"});
+    table.addRow(
+        {"answers", std::to_string(answers_) + ", " + std::to_string(answerTokens_) + " tokens"});
+    table.addRow({"forward passes", formatDuration(stats.totalForwardMs / 1000) +
+                                        ", the last one " +
+                                        formatDuration(stats.lastForwardMs / 1000)});
+    std::fputs(table.text().c_str(), stdout);
   }
 
   void print(const std::string& text) {
@@ -189,7 +191,7 @@ class Chat {
                                 std::to_string(result) + "); /reset begins a new conversation");
       return;
     }
-    std::string text = format("%llu tokens", static_cast<unsigned long long>(meter.tokens));
+    std::string text = std::to_string(meter.tokens) + " tokens";
     if (meter.tokensPerSecond() > 0) {
       text += ", " + formatThreeDigits(meter.tokensPerSecond()) + " tokens/s";
     }

@@ -1,18 +1,20 @@
 #include "orb/common_options.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <thread>
 
 #include "host/plugin_host.h"
 #include "model/kernels/kernel_table.h"
+#include "model/team.h"
 
 namespace orb {
 namespace {
 
 constexpr uint64_t kDefaultMaxTokens = 96;
 constexpr uint64_t kDefaultContext = 8192;
-constexpr int kMaxThreads = 1024;
+constexpr int kMaxThreads = static_cast<int>(qwen35::Team::kMaxThreads);
 
 // A decimal number from the environment, or the fallback when there is no sane one.
 uint64_t environmentNumber(const char* name, uint64_t highest, uint64_t fallback) {
@@ -116,7 +118,8 @@ uint64_t contextInUse(const ModelOptions& options) {
 int threadsInUse(const ModelOptions& options) {
   if (options.threads) return *options.threads;
   const unsigned processors = std::max(1u, std::thread::hardware_concurrency());
-  return static_cast<int>(environmentNumber("OMP_NUM_THREADS", kMaxThreads, processors));
+  const uint64_t threads = environmentNumber("OMP_NUM_THREADS", UINT32_MAX, processors);
+  return static_cast<int>(std::min<uint64_t>(threads, kMaxThreads));
 }
 
 std::string tierInUse(const ModelOptions& options) {

@@ -17,11 +17,9 @@ std::string shape(const std::vector<uint64_t>& dims) {
 std::string headerText(const InfoReport& report) {
   const kiv::orb2::FileHeader& h = report.header;
   return printable(report.file) + ": " + formatBytes(report.fileBytes) + ", ORB2 version " +
-         std::to_string(h.version) +
-         format("\nheader  %u sections, %llu tensors, words %llu %llu %llu\n", h.sectionCount,
-                static_cast<unsigned long long>(h.tensorCount),
-                static_cast<unsigned long long>(h.wordA), static_cast<unsigned long long>(h.wordB),
-                static_cast<unsigned long long>(h.wordC));
+         std::to_string(h.version) + "\nheader  " + std::to_string(h.sectionCount) + " sections, " +
+         std::to_string(h.tensorCount) + " tensors, words " + std::to_string(h.wordA) + ' ' +
+         std::to_string(h.wordB) + ' ' + std::to_string(h.wordC) + '\n';
 }
 
 std::string sectionsText(const InfoReport& report) {
@@ -47,12 +45,10 @@ std::string metadataText(const InfoReport& report) {
 std::string tokenizerText(const InfoReport& report) {
   const TokenizerFacts& t = report.tokenizer;
   if (!t.readable) return "\ntokenizer  none that can be read\n";
-  std::string text =
-      format("\ntokenizer  \"%s\", %llu tokens (%llu special), %llu merge rules, space marker %s\n",
-             printable(t.model, kMaxTextBytes).c_str(), static_cast<unsigned long long>(t.tokens),
-             static_cast<unsigned long long>(t.special), static_cast<unsigned long long>(t.merges),
-             t.byteLevel ? "U+0120 (byte-level)" : "U+2581");
-  text += "  ids:";
+  std::string text = "\ntokenizer  \"" + printable(t.model, kMaxTextBytes) + "\", " +
+                     std::to_string(t.tokens) + " tokens (" + std::to_string(t.special) +
+                     " special), " + std::to_string(t.merges) + " merge rules, space marker " +
+                     (t.byteLevel ? "U+0120 (byte-level)" : "U+2581") + "\n  ids:";
   const char* separator = " ";
   for (const auto& [name, id] : t.ids) {
     text += separator + name + ' ' + std::to_string(id);
@@ -62,13 +58,10 @@ std::string tokenizerText(const InfoReport& report) {
 }
 
 std::string blocksText(const ModelFacts& model) {
-  std::string text = format("\nmodel  hidden %llu, vocabulary %llu, %s parameters stored\n",
-                            static_cast<unsigned long long>(model.hidden),
-                            static_cast<unsigned long long>(model.vocabulary),
-                            formatCount(model.parameters).c_str());
-  text += format("  blocks: %llu linear, %llu full, %zu in all: ",
-                 static_cast<unsigned long long>(model.linearBlocks),
-                 static_cast<unsigned long long>(model.fullBlocks), model.blocks.size());
+  std::string text = "\nmodel  hidden " + std::to_string(model.hidden) + ", vocabulary " +
+                     std::to_string(model.vocabulary) + ", " + formatCount(model.parameters) +
+                     " parameters stored\n  " + std::to_string(model.linearBlocks) +
+                     " linear and " + std::to_string(model.fullBlocks) + " full blocks: ";
   for (size_t i = 0; i < model.blocks.size(); ++i) {
     if (i > 0 && i % 4 == 0) text += ' ';
     text += model.blocks[i];
@@ -90,11 +83,12 @@ std::string memoryText(const InfoReport& report) {
   const std::string context = std::to_string(report.context);
   Table table({{"MEMORY"}, {"", Table::Align::Right}, {""}});
   table.addRow({"mapped file", formatBytes(m.mapping), "resident as far as it is read"});
-  table.addRow({"states", formatBytes(m.states), "linear blocks"});
+  table.addRow({"states", formatBytes(m.states),
+                "of the linear blocks, half of it while prompts are taken in"});
   table.addRow({"key/value caches", formatBytes(m.cachePerPosition),
                 "a position; " + formatBytes(m.cachePerPosition * report.context) + " at " +
                     context + ", taken as they fill"});
-  table.addRow({"workspace", formatBytes(m.workspace), "about"});
+  table.addRow({"workspace", formatBytes(m.workspace), "about, while prompts are taken in"});
   table.addRow({"tokenizer", formatBytes(m.tokenizer), "about"});
   return '\n' + table.text(kIndent) +
          format("\none token reads %s of weights; kernel tier %s\n",

@@ -141,15 +141,15 @@ MemoryFacts memoryOf(const ORBLoader& loader, const ModelFacts& facts, uint64_t 
   const uint64_t stateFloats =
       sizes.linearHeadSize * sizes.linearHeadSize * sizes.linearValueHeads +
       (sizes.convKernel - 1) * sizes.convChannels();
-  // Hidden-size vectors of a pass, projections of the mixers, feed-forward; logits and candidates.
-  const uint64_t passFloats =
-      sum(sum(product(6, facts.hidden), 4 * sizes.convChannels()), product(2, ffn));
+  // Hidden-size vectors, projections of the mixers and feed-forward, for every token of a batch.
+  const uint64_t tokenFloats =
+      sum(sum(product(5, facts.hidden), 5 * sizes.convChannels()), product(2, ffn));
   MemoryFacts memory;
   memory.mapping = loader.reader.mappingSize();
   memory.cachePerPosition =
       facts.fullBlocks * 2 * sizes.keyValueHeads * sizes.attentionHeadSize * sizeof(float);
-  memory.states = facts.linearBlocks * stateFloats * sizeof(float);
-  memory.workspace = sum(product(passFloats, sizeof(float)),
+  memory.states = 2 * facts.linearBlocks * stateFloats * sizeof(float);
+  memory.workspace = sum(product(tokenFloats, qwen35::kMaxBatch * sizeof(float)),
                          product(facts.vocabulary, sizeof(float) + sizeof(uint64_t)));
   memory.tokenizer = tokenizerBytes(loader.tokenizer);
   return memory;

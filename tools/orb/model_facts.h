@@ -22,8 +22,8 @@ struct TensorFacts {
 struct MemoryFacts {
   uint64_t mapping = 0;           // the file; pages become resident as they are read
   uint64_t cachePerPosition = 0;  // keys and values of all full blocks
-  uint64_t states = 0;            // recurrent and convolution states of all linear blocks
-  uint64_t workspace = 0;         // activations, logits, sampling
+  uint64_t states = 0;            // linear blocks: recurrent and convolution, now and after a batch
+  uint64_t workspace = 0;         // activations of a batch, logits, sampling
   uint64_t tokenizer = 0;         // vocabulary and indexes
 };
 
