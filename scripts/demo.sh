@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the tool and opens a conversation with the demo model; without a terminal it asks the
-# built-in questions and ends.
+# built-in questions, tells how fast the answers came, and ends.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,4 +10,7 @@ cmake --build --preset release --target orb
 if [[ -t 0 ]]; then
   exec build/release/bin/orb chat models/demo.orb
 fi
-exec build/release/bin/orb chat models/demo.orb <models/demo/questions.txt
+{
+  cat models/demo/questions.txt
+  echo /stats
+} | build/release/bin/orb chat models/demo.orb
