@@ -11,7 +11,7 @@ namespace orb {
 namespace {
 
 constexpr std::chrono::milliseconds kInterval(100);
-constexpr int kBarWidth = 30;
+constexpr int kBarWidth = 20;
 constexpr const char* kEraseLine = "\r\x1b[K";
 
 }  // namespace
