@@ -9,12 +9,13 @@
 namespace qwen35 {
 namespace {
 
-constexpr size_t kWidth = 8;             // floats of one register
-constexpr size_t kPrefetchAhead = 4096;  // bytes
+constexpr size_t kWidth = 8;  // floats of one register
 
+// Asks for the bytes that the next group of rows will want, in address order: a plain ascending
+// stream, which the hardware's own prefetcher follows, while the rows of a group are read in turns.
 inline void prefetch(const uint8_t* at, size_t bytes) {
   for (size_t i = 0; i < bytes; i += 64) {
-    _mm_prefetch(reinterpret_cast<const char*>(at + kPrefetchAhead + i), _MM_HINT_T0);
+    _mm_prefetch(reinterpret_cast<const char*>(at + i), _MM_HINT_T1);
   }
 }
 
@@ -279,7 +280,7 @@ void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, 
   const size_t blocks = cols / Decoder::kElements;
   for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
     const uint8_t* at = rows + b * Decoder::kBytes;
-    for (size_t r = 0; r < kRows; ++r) prefetch(at + r * rowBytes, Decoder::kBytes);
+    prefetch(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
     if constexpr (kRows == 1) {
       addBlocks<Decoder, 1>({Decoder{at}}, x, acc);
     } else {
@@ -319,7 +320,6 @@ void decodeRows(const uint8_t* rows, size_t rowBytes, size_t first, size_t last,
     float* at = out + r * kWidth;
     size_t e = first;
     for (; e + Decoder::kElements <= last; e += Decoder::kElements, block += Decoder::kBytes) {
-      prefetch(block, Decoder::kBytes);
       const Decoder decoder{block};
       for (size_t c = 0; c < Decoder::kChunks; ++c) {
         decoder.chunk(
