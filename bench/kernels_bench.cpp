@@ -1,0 +1,155 @@
+// Speed of the product kernels by tier, type and number of threads. Products of one token read
+// memory: GB/s and the share of a pure read by as many threads, measured first. Products of a batch
+// compute: GFLOP/s. Rows as long as a 4B model's hidden size.
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "model/kernels/kernel_table.h"
+#include "model/team.h"
+#include "model/weight_rows.h"
+#include "model/zeroed_array.h"
+#include "orb/read_probe.h"
+#include "quant/quant_type.h"
+
+namespace {
+
+using kiv::QuantType;
+using qwen35::KernelTable;
+
+constexpr size_t kCols = 2560;
+constexpr size_t kBytes = size_t{512} << 20;  // far more than the caches hold
+constexpr size_t kBatchBytes = size_t{4} << 20;
+constexpr uint16_t kHalf = 0x1c00;  // 2^-8: keeps sums in range whatever the codes are
+constexpr QuantType kTypes[] = {QuantType::F32,  QuantType::BF16, QuantType::Q8_0,
+                                QuantType::Q4_K, QuantType::Q5_K, QuantType::Q6_K};
+
+// Weights of one type: any codes under ordinary scales.
+class Weights {
+ public:
+  explicit Weights(QuantType type)
+      : type_(type), rowBytes_(qwen35::rowStride(type, kCols)), bytes_(kBytes) {
+    uint64_t state = 1;
+    for (size_t at = 0; at + 8 <= bytes_.size(); at += 8) {
+      state = state * 6364136223846793005u + 1442695040888963407u;
+      const uint64_t word = type == QuantType::F32 || type == QuantType::BF16
+                                ? (state & 0x3f803f803f803f80u)
+                                : state ^ state >> 29;
+      std::memcpy(bytes_.data() + at, &word, sizeof word);
+    }
+    const size_t block = kiv::quant::quantizedBytes(type, kiv::quant::blockElements(type));
+    for (size_t at = 0; at + block <= bytes_.size() && block > 4; at += block) setScales(at, block);
+  }
+
+  const uint8_t* data() const { return bytes_.data(); }
+  size_t rowBytes() const { return rowBytes_; }
+  size_t rows(size_t bytes) const { return bytes / rowBytes_; }
+
+ private:
+  void setScales(size_t at, size_t block) {
+    if (type_ == QuantType::Q6_K) at += block - 2;
+    std::memcpy(bytes_.data() + at, &kHalf, sizeof kHalf);
+    if (type_ == QuantType::Q4_K || type_ == QuantType::Q5_K) {
+      std::memcpy(bytes_.data() + at + 2, &kHalf, sizeof kHalf);
+    }
+  }
+
+  QuantType type_;
+  size_t rowBytes_;
+  std::vector<uint8_t> bytes_;
+};
+
+// One type's weights at a time.
+const Weights& weightsOf(QuantType type) {
+  static std::unique_ptr<Weights> weights;
+  static QuantType held{};
+  if (weights == nullptr || held != type) {
+    weights.reset();
+    weights = std::make_unique<Weights>(type);
+    held = type;
+  }
+  return *weights;
+}
+
+qwen35::ZeroedArray inputs(size_t tokens) {
+  qwen35::ZeroedArray x;
+  x.resize(tokens * kCols);
+  for (size_t i = 0; i < x.size(); ++i) x[i] = static_cast<float>(i * 7919 % 2001) / 1000 - 1;
+  return x;
+}
+
+double pureRead(int threads) {
+  static std::map<int, double> speeds;
+  double& speed = speeds[threads];
+  if (speed == 0)
+    speed = orb::measureReadSpeed(weightsOf(QuantType::Q4_K).data(), kBytes, threads, 5);
+  return speed;
+}
+
+void readWeights(benchmark::State& state, const KernelTable& tier, QuantType type, int threads) {
+  const double probe = pureRead(threads);
+  const Weights& weights = weightsOf(type);
+  const qwen35::ZeroedArray x = inputs(1);
+  const size_t rows = weights.rows(kBytes);
+  std::vector<float> y(rows);
+  omp_set_num_threads(threads);
+  for (auto _ : state) {
+    qwen35::addProduct(tier, type, weights.data(), rows, kCols, x.data(), y.data());
+    benchmark::ClobberMemory();
+  }
+  const auto bytes = static_cast<double>(rows * weights.rowBytes());
+  using benchmark::Counter;
+  state.counters["B/s"] = Counter(bytes, Counter::kIsIterationInvariantRate);
+  state.counters["of_read"] = Counter(bytes / probe, Counter::kIsIterationInvariantRate);
+}
+
+void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType type) {
+  const Weights& weights = weightsOf(type);
+  const qwen35::ZeroedArray x = inputs(qwen35::kMaxBatch);
+  const size_t rows = weights.rows(kBatchBytes);
+  std::vector<float> y(rows * qwen35::kMaxBatch);
+  qwen35::ZeroedArray scratch;
+  scratch.resize(qwen35::kBatchScratch);
+  const qwen35::Batch batch = {x.data(), kCols, y.data(), rows, qwen35::kMaxBatch, scratch.data()};
+  for (auto _ : state) {
+    tier.gemm[static_cast<size_t>(type)](weights.data(), weights.rowBytes(), rows, kCols, batch);
+    benchmark::ClobberMemory();
+  }
+  const auto operations = static_cast<double>(2 * rows * kCols * qwen35::kMaxBatch);
+  using benchmark::Counter;
+  state.counters["FLOP/s"] = Counter(operations, Counter::kIsIterationInvariantRate);
+}
+
+void registerAll() {
+  const int most = omp_get_max_threads();
+  for (const QuantType type : kTypes) {
+    for (const KernelTable* tier : qwen35::allKernels()) {
+      if (!qwen35::canRun(*tier)) continue;
+      const std::string name = std::string(kiv::quantTypeName(type)) + "/" + tier->name;
+      for (int threads = 1; threads <= most; threads += std::max(most - 1, 1)) {
+        const std::string label = "one_token/" + name + "/threads:" + std::to_string(threads);
+        benchmark::RegisterBenchmark(label.c_str(), readWeights, std::cref(*tier), type, threads)
+            ->UseRealTime()
+            ->Unit(benchmark::kMillisecond);
+      }
+      benchmark::RegisterBenchmark(("batch/" + name).c_str(), multiplyBatch, std::cref(*tier), type)
+          ->Unit(benchmark::kMillisecond);
+    }
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  registerAll();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
