@@ -42,12 +42,12 @@ typedef struct ORBRuntimeHandle ORBRuntimeHandle;
 
 /* Returned by orb_plugin_init. */
 typedef struct ORBPluginDescriptor {
-  uint32_t version;        /* 1 */
-  uint32_t secondVersion;  /* 1 */
-  const char* id;          /* "runtime-qwen35" */
+  uint32_t version;       /* 1 */
+  uint32_t secondVersion; /* 1 */
+  const char* id;         /* "runtime-qwen35" */
   const char* description;
-  const void* reserved0;   /* null */
-  const void* reserved1;   /* null */
+  const void* reserved0; /* null */
+  const void* reserved1; /* null */
 } ORBPluginDescriptor;
 
 /* Filled by probe. */
@@ -60,11 +60,11 @@ typedef struct ORBRuntimeProbe {
 
 /* Read by configure and by generate-with-options. */
 typedef struct ORBSessionOptions {
-  uint32_t structSize; /* size of the record as the host knows it; below 56 it is invalid */
-  float temperature;   /* taken when >= 0; 0 decodes greedily */
-  int32_t topK;        /* taken when > 0 */
-  float topP;          /* taken when > 0 */
-  uint64_t seed;       /* when not 0, re-seeds the generator with its low 32 bits */
+  uint32_t structSize;     /* size of the record as the host knows it; below 56 it is invalid */
+  float temperature;       /* taken when >= 0; 0 decodes greedily */
+  int32_t topK;            /* taken when > 0 */
+  float topP;              /* taken when > 0 */
+  uint64_t seed;           /* when not 0, re-seeds the generator with its low 32 bits */
   uint8_t hostDefined[32]; /* not read */
 } ORBSessionOptions;
 

@@ -17,5 +17,4 @@ ORB_API int orbCompatIsatty(int fd);
 
 // Sleeps at least that many milliseconds; only the low 32 bits count.
 ORB_API void orbCompatSleepMs(uint64_t milliseconds);
-
 }

@@ -25,10 +25,10 @@ uint64_t enabledStates() {
 bool hasAll(uint64_t value, uint64_t bits) { return (value & bits) == bits; }
 
 uint32_t detect() {
-  constexpr uint32_t kFma = 1u << 12, kOsxsave = 1u << 27, kF16c = 1u << 29;  // leaf 1, ecx
-  constexpr uint32_t kAvx2 = 1u << 5;                                         // leaf 7, ebx
+  constexpr uint32_t kFma = 1u << 12, kOsxsave = 1u << 27, kF16c = 1u << 29;       // leaf 1, ecx
+  constexpr uint32_t kAvx2 = 1u << 5;                                              // leaf 7, ebx
   constexpr uint32_t kAvx512 = (1u << 16) | (1u << 17) | (1u << 30) | (1u << 31);  // F DQ BW VL
-  constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6;                       // XCR0
+  constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6;                            // XCR0
 
   const Registers one = cpuid(1, 0);
   if (!hasAll(one.ecx, kOsxsave)) return 0;

@@ -32,10 +32,10 @@ class Team {
                }});
   }
 
-  // Calls body(piece), or body(piece, thread) with a thread number below kMaxThreads, once for every
-  // piece below `pieces`, then returns. Each thread has a contiguous run of pieces and, when it is
-  // done, takes over what others have not begun. Which thread runs a piece must not change what it
-  // computes; the body must not throw.
+  // Calls body(piece), or body(piece, thread) with a thread number below kMaxThreads, once for
+  // every piece below `pieces`, then returns. Each thread has a contiguous run of pieces and, when
+  // it is done, takes over what others have not begun. Which thread runs a piece must not change
+  // what it computes; the body must not throw.
   template <typename Body>
   void forEach(size_t pieces, const Body& body) {
     forEachErased(pieces, {&body, [](const void* context, size_t piece, size_t thread) {
