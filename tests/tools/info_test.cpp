@@ -144,7 +144,8 @@ TEST(InfoTest, AbsurdSizesAreReportedAsTheyStand) {
   const InfoReport report = examine(spoiled("token_embd.weight", kSizeField, UINT64_MAX));
   EXPECT_TRUE(finds(report, true, "token_embd.weight"));
   EXPECT_EQ(report.model.readPerToken, UINT64_MAX);
-  const InfoReport wide = examine(spoiled("token_embd.weight", kDimsField, UINT64_MAX));
+  // 2^63 elements in each of 160 rows: the product wraps to 0.
+  const InfoReport wide = examine(spoiled("token_embd.weight", kDimsField, uint64_t{1} << 63));
   EXPECT_TRUE(wide.failed());
   EXPECT_EQ(wide.model.parameters, UINT64_MAX);
 }

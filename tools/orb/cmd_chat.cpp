@@ -81,7 +81,8 @@ class Chat {
       if (!editor_) std::putchar('\n');
       std::fflush(stdout);
     }
-    return exitCode_;
+    // Who sits at the terminal has seen what failed; a script asks the exit code.
+    return editor_ ? kOk : exitCode_;
   }
 
  private:

@@ -78,7 +78,7 @@ double secondsOfPass(SumFunction sum, const uint8_t* data, size_t lines,
 
 double measureReadSpeed(const uint8_t* data, size_t size, int threads, int passes) {
   const size_t lines = size / kLine;
-  if (lines == 0 || threads < 1) return 0;
+  if (threads < 1) return 0;
   std::vector<uint64_t> sums(static_cast<size_t>(threads));
   const SumFunction sum = widestSum();
   double best = 0;

@@ -44,8 +44,6 @@ std::string inventWord(uint64_t n, std::string_view marker) {
   std::string word(n % 2 == 0 ? marker : std::string_view());
   uint64_t number = n / 2;
   for (int i = 0; i < 2 || number > 0; ++i) {
-    // Counting from 1 in the higher places keeps words of different lengths apart.
-    if (i >= 2) --number;
     const uint64_t syllable = number % kSyllables;
     word += kConsonants[syllable / kVowels.size()];
     word += kVowels[syllable % kVowels.size()];
