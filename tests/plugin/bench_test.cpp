@@ -59,6 +59,7 @@ TEST(BenchCall, LoopIsBoundedByGenPlusExtraTokens) {
 }
 
 TEST(BenchCall, ValuesBelowOneMean64And8) {
+  const WithoutMixers quick;
   OpenedModel model{Bench()};
   for (const int32_t none : {0, -1, std::numeric_limits<int32_t>::min()}) {
     EXPECT_EQ(passes(model, none, none), 64 + 8);
@@ -69,6 +70,7 @@ TEST(BenchCall, ValuesBelowOneMean64And8) {
 }
 
 TEST(BenchCall, NullParametersMean64And8) {
+  const WithoutMixers quick;
   OpenedModel model{Bench()};
   const HeadCounter head(model.session().model);
   ORBBenchResult record{};
@@ -78,6 +80,7 @@ TEST(BenchCall, NullParametersMean64And8) {
 }
 
 TEST(BenchCall, LargestValuesDoNotOverflowAndTheLoopEndsAt4096) {
+  const WithoutMixers quick;
   OpenedModel model{Bench()};
   constexpr int32_t kMost = std::numeric_limits<int32_t>::max();
   EXPECT_EQ(passes(model, kMost, kMost), 4096);
@@ -136,7 +139,6 @@ TEST(BenchCall, DecodesGreedilyWhateverTheSettingsAndRestoresThem) {
 }
 
 TEST(BenchCall, LeavesTheSessionAsAfterAResetButForTheLastTime) {
-  const WithMixers mixers;
   OpenedModel model{Bench()};
   model.generate("aaa");
   model.chat("a");

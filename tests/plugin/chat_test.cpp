@@ -68,6 +68,7 @@ TEST(ChatTurn, AnEndMarkerThatIsNoSpecialTokenEndsATurnToo) {
 }
 
 TEST(ChatTurn, WithoutAnEndMarkerInTheVocabularyTheCapEndsIt) {
+  const WithoutMixers quick;
   Talker script;
   script.tokenizer.tokens[static_cast<size_t>(script.turnEnd)] = "?";
   OpenedModel model(script);
@@ -83,7 +84,6 @@ TEST(ChatTurn, TheClosingMarkerIsCountedButNeverFed) {
 }
 
 TEST(ChatTurn, SecondTurnStartsAtTheFinalPositionOfTheFirst) {
-  const WithMixers mixers;
   OpenedModel model{Talker()};
   model.chat("xx");
   const uint64_t first = model.stats().contextTokens;
@@ -99,7 +99,6 @@ TEST(ChatTurn, SecondTurnStartsAtTheFinalPositionOfTheFirst) {
 // The context after two turns is that of the turns' texts and the first answer, without its marker.
 TEST(ChatTurn, TheContextHoldsExactlyTheTurnsAndAnswers) {
   const ScopedEnv env("QWEN35_MAX_TOKENS", "6");
-  const WithMixers mixers;
   const Listener listener;
   OpenedModel talk(listener.path());
   OpenedModel plain(listener.path());
@@ -176,6 +175,7 @@ TEST(ChatTurn, NullUserTextIsTheEmptyText) {
 }
 
 TEST(ChatTurn, EndsAfter96TokensAndTheNextTurnContinuesFromThere) {
+  const WithoutMixers quick;
   Talker script;
   script.follow(script.a, script.a);
   OpenedModel model(script);
@@ -338,7 +338,6 @@ TEST(StreamedTurn, DeliversEachTokenByItself) {
 
 TEST(StreamedTurn, GivesTheSameTextAndStateAsTheBufferForm) {
   const ScopedEnv env("QWEN35_MAX_TOKENS", "12");
-  const WithMixers mixers;
   const Listener listener;
   OpenedModel buffer(listener.path());
   OpenedModel streamed(listener.path());
@@ -392,6 +391,7 @@ TEST(StreamedTurn, AFailedPromptPassFailsThoughItWasCancelled) {
 }
 
 TEST(StreamedTurn, ACancelFlagSetInAChunkEndsTheTurnBeforeThatTokenIsFed) {
+  const WithoutMixers quick;
   Talker script;
   script.follow(script.a, script.a);
   for (const int chunk : {1, 2, 50, 96}) {

@@ -115,6 +115,7 @@ TEST_F(Configure, HostDefinedBytesAreNotRead) {
 }
 
 TEST_F(Configure, SettingsPersistAcrossCallsAndReset) {
+  const WithoutMixers quick;
   OpenedModel model{Small()};
   const ORBSessionOptions record = options(0.75f, 40, 0.5f, 9);
   ASSERT_EQ(runtime().configure(model.handle(), &record), ORB_OK);
@@ -162,7 +163,6 @@ TEST(Stats, NeedNoModel) {
 }
 
 TEST(Reset, EmptiesTheContextAndClearsTheCounters) {
-  const WithMixers mixers;
   OpenedModel model{Small()};
   model.chat("a");
   EXPECT_GT(model.session().model.layers[31].position, 0u);

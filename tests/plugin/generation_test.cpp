@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,7 +35,6 @@ TEST(Generate, ContinuesThePromptUpToTheEndOfSequence) {
 }
 
 TEST(Generate, TheTokenThatEndsItIsCountedButNotFed) {
-  const WithMixers mixers;
   OpenedModel model{Alphabet()};
   model.generate("xa");
   EXPECT_EQ(model.stats().contextTokens, 4u);  // x a b c
@@ -106,6 +106,7 @@ TEST(Generate, TextIsCutToTheBufferAtAByteCountAndTerminated) {
 }
 
 TEST(Generate, EndsAfter96TokensWithoutAnEndOfSequence) {
+  const WithoutMixers quick;
   OpenedModel model{Alphabet()};
   const Reply reply = model.generate("x");
   EXPECT_EQ(reply.result, ORB_OK);
@@ -115,6 +116,7 @@ TEST(Generate, EndsAfter96TokensWithoutAnEndOfSequence) {
 }
 
 TEST(Generate, MaxTokensVariableChangesTheCap) {
+  const WithoutMixers quick;
   for (const auto& [value, length] : {std::pair{"1", 1u}, {"5", 5u}, {"200", 200u}}) {
     const ScopedEnv env("QWEN35_MAX_TOKENS", value);
     OpenedModel model{Alphabet()};
@@ -123,28 +125,10 @@ TEST(Generate, MaxTokensVariableChangesTheCap) {
 }
 
 TEST(Generate, MaxTokensIsReadWhenTheHandleIsCreated) {
+  const WithoutMixers quick;
   OpenedModel model{Alphabet()};
   const ScopedEnv env("QWEN35_MAX_TOKENS", "5");
   EXPECT_EQ(model.generate("x").text, std::string(96, 'x'));
-}
-
-TEST(Generate, PromptOfExactlyTheContextLengthIsFed) {
-  const ScopedEnv env("QWEN35_MAX_CONTEXT", "5");
-  OpenedModel model{Alphabet()};
-  const Reply reply = model.generate("xxxxa");
-  EXPECT_EQ(reply.result, ORB_OK);
-  EXPECT_EQ(reply.text, "b");  // one token can be told, none can be fed
-  EXPECT_EQ(model.stats().contextTokens, 5u);
-}
-
-TEST(Generate, PromptOneTokenLongerThanTheContextFails) {
-  const ScopedEnv env("QWEN35_MAX_CONTEXT", "5");
-  OpenedModel model{Alphabet()};
-  const Reply reply = model.generate("xxxxxa");
-  EXPECT_EQ(reply.result, ORB_FAILED);
-  EXPECT_EQ(reply.text, "");
-  EXPECT_EQ(model.stats().contextTokens, 5u);
-  EXPECT_EQ(model.generate("a").text, "bc") << "the handle stays usable";
 }
 
 TEST(Generate, StopsWhenTheContextIsFull) {
@@ -155,6 +139,7 @@ TEST(Generate, StopsWhenTheContextIsFull) {
 }
 
 TEST(Generate, DefaultContextHolds8192Positions) {
+  const WithoutMixers quick;
   OpenedModel model{Alphabet()};
   EXPECT_EQ(model.generate(std::string(8192, 'x').c_str()).result, ORB_OK);
   EXPECT_EQ(model.stats().contextTokens, 8192u);
@@ -173,46 +158,6 @@ TEST(Generate, DecodeFailureEndsItWithTheTextSoFar) {
   EXPECT_EQ(model.session().generatedTokens, 2u);
 }
 
-TEST(Generate, TokenIdsPastTheEmbeddingFailCleanly) {
-  Alphabet script;
-  script.rows = 5;
-  script.token("z");  // id 5
-  OpenedModel model(script);
-  for (const auto& [prompt, fed] : {std::pair{"z", 0u}, {"az", 1u}, {"xxza", 2u}}) {
-    const Reply reply = model.generate(prompt);
-    EXPECT_EQ(reply.result, ORB_FAILED) << prompt;
-    EXPECT_EQ(reply.text, "");
-    EXPECT_EQ(model.stats().contextTokens, fed) << prompt;
-  }
-  EXPECT_EQ(model.generate("a").text, "bc");
-}
-
-TEST(Generate, ASpecialIdPastTheEmbeddingFailsCleanly) {
-  Alphabet script;
-  script.tokenizer.specialIds[0] = std::numeric_limits<int32_t>::max();
-  OpenedModel model(script);
-  EXPECT_EQ(model.generate("a").result, ORB_FAILED);
-  EXPECT_EQ(model.stats().contextTokens, 0u);
-}
-
-TEST(Generate, HiddenVectorThatIsNotFiniteInThePromptFails) {
-  Alphabet script;
-  script.spoil(script.c);
-  OpenedModel model(script);
-  const Reply reply = model.generate("xcx");
-  EXPECT_EQ(reply.result, ORB_FAILED);
-  EXPECT_EQ(reply.text, "");
-  EXPECT_EQ(model.stats().contextTokens, 2u);
-}
-
-TEST(Generate, LogitsThatAreNotFiniteAfterThePromptFail) {
-  Alphabet script;
-  script.spoil(script.c);
-  OpenedModel model(script);
-  EXPECT_EQ(model.generate("xc").result, ORB_FAILED);
-  EXPECT_EQ(model.stats().contextTokens, 2u);
-}
-
 TEST(Generate, LogitsThatAreNotFiniteInAStepDiscardTheText) {
   Alphabet script;
   script.spoil(script.c);
@@ -224,31 +169,7 @@ TEST(Generate, LogitsThatAreNotFiniteInAStepDiscardTheText) {
   EXPECT_EQ(model.generate("x").result, ORB_OK) << "the handle stays usable";
 }
 
-TEST(Generate, LogitsAreCheckedAtEvery4096thOnly) {
-  for (const auto& [row, result] : {std::pair{0, ORB_FAILED},
-                                    {4095, ORB_OK},
-                                    {4096, ORB_FAILED},
-                                    {4097, ORB_OK},
-                                    {8192, ORB_FAILED}}) {
-    Alphabet script;
-    script.rows = 8193;
-    script.setEmbedding(row, 7, std::numeric_limits<float>::quiet_NaN());
-    OpenedModel model(script);
-    EXPECT_EQ(model.generate("xb").result, result) << row;
-  }
-}
-
-TEST(Generate, OnlyTheLastPromptTokenRunsTheOutputHead) {
-  OpenedModel model{Alphabet()};
-  const HeadCounter head(model.session().model);
-  model.generate("xxxxxc");
-  EXPECT_EQ(head.runs(), 1);
-  model.generate("xxa");  // and for b and c
-  EXPECT_EQ(head.runs(), 1 + 3);
-}
-
 TEST(Generate, EachCallStartsFromAnEmptyContext) {
-  const WithMixers mixers;
   OpenedModel model{Alphabet()};
   model.generate("xxxx");
   EXPECT_EQ(model.generate("a").text, "bc");
@@ -325,6 +246,132 @@ TEST(Generate, ArgumentErrorsLeaveTheContextAlone) {
   EXPECT_EQ(model.stats().contextTokens, 3u);
 }
 
+// --- The prompt pass, in batches and token by token ------------------------------------------
+
+class PromptPass : public testing::TestWithParam<bool> {
+ protected:
+  void SetUp() override {
+    if (!GetParam()) single_.emplace();
+  }
+
+ private:
+  std::optional<WithoutMixers> single_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Prompt, PromptPass, testing::Bool(), [](const auto& instance) {
+  return instance.param ? "InBatches" : "TokenByToken";
+});
+
+TEST_P(PromptPass, PromptOfExactlyTheContextLengthIsFed) {
+  const ScopedEnv env("QWEN35_MAX_CONTEXT", "5");
+  OpenedModel model{Alphabet()};
+  const Reply reply = model.generate("xxxxa");
+  EXPECT_EQ(reply.result, ORB_OK);
+  EXPECT_EQ(reply.text, "b");  // one token can be told, none can be fed
+  EXPECT_EQ(model.stats().contextTokens, 5u);
+}
+
+TEST_P(PromptPass, PromptOneTokenLongerThanTheContextFails) {
+  const ScopedEnv env("QWEN35_MAX_CONTEXT", "5");
+  OpenedModel model{Alphabet()};
+  const Reply reply = model.generate("xxxxxa");
+  EXPECT_EQ(reply.result, ORB_FAILED);
+  EXPECT_EQ(reply.text, "");
+  EXPECT_EQ(model.stats().contextTokens, 5u);
+  EXPECT_EQ(model.generate("a").text, "bc") << "the handle stays usable";
+}
+
+TEST_P(PromptPass, TokenIdsPastTheEmbeddingFailCleanly) {
+  Alphabet script;
+  script.rows = 5;
+  script.token("z");  // id 5
+  OpenedModel model(script);
+  for (const auto& [prompt, fed] : {std::pair{"z", 0u}, {"az", 1u}, {"xxza", 2u}}) {
+    const Reply reply = model.generate(prompt);
+    EXPECT_EQ(reply.result, ORB_FAILED) << prompt;
+    EXPECT_EQ(reply.text, "");
+    EXPECT_EQ(model.stats().contextTokens, fed) << prompt;
+  }
+  EXPECT_EQ(model.generate("a").text, "bc");
+}
+
+TEST_P(PromptPass, ASpecialIdPastTheEmbeddingFailsCleanly) {
+  Alphabet script;
+  script.tokenizer.specialIds[0] = std::numeric_limits<int32_t>::max();
+  OpenedModel model(script);
+  EXPECT_EQ(model.generate("a").result, ORB_FAILED);
+  EXPECT_EQ(model.stats().contextTokens, 0u);
+}
+
+TEST_P(PromptPass, HiddenVectorThatIsNotFiniteInThePromptFails) {
+  Alphabet script;
+  script.spoil(script.c);
+  OpenedModel model(script);
+  const Reply reply = model.generate("xcx");
+  EXPECT_EQ(reply.result, ORB_FAILED);
+  EXPECT_EQ(reply.text, "");
+  EXPECT_EQ(model.stats().contextTokens, 2u);
+}
+
+TEST_P(PromptPass, LogitsThatAreNotFiniteAfterThePromptFail) {
+  Alphabet script;
+  script.spoil(script.c);
+  OpenedModel model(script);
+  EXPECT_EQ(model.generate("xc").result, ORB_FAILED);
+  EXPECT_EQ(model.stats().contextTokens, 2u);
+}
+
+TEST_P(PromptPass, OnlyTheLastPromptTokenRunsTheOutputHead) {
+  OpenedModel model{Alphabet()};
+  const HeadCounter head(model.session().model);
+  model.generate("xxxxxc");
+  EXPECT_EQ(head.runs(), 1);
+  model.generate("xxa");  // and for b and c
+  EXPECT_EQ(head.runs(), 1 + 3);
+}
+
+TEST_P(PromptPass, LogitsAreCheckedAtEvery4096thOnly) {
+  for (const auto& [row, result] : {std::pair{0, ORB_FAILED},
+                                    {4095, ORB_OK},
+                                    {4096, ORB_FAILED},
+                                    {4097, ORB_OK},
+                                    {8192, ORB_FAILED}}) {
+    Alphabet script;
+    script.rows = 8193;
+    script.setEmbedding(row, 7, std::numeric_limits<float>::quiet_NaN());
+    OpenedModel model(script);
+    EXPECT_EQ(model.generate("xb").result, result) << row;
+  }
+}
+
+TEST_P(PromptPass, ALongPromptFailsAtTheVeryTokenThatIsBad) {
+  Alphabet script;
+  script.spoil(script.c);
+  OpenedModel model(script);
+  for (const size_t before : {0u, 1u, 62u, 63u, 64u, 65u, 100u, 128u}) {
+    const std::string prompt = std::string(before, 'x') + "c" + std::string(70, 'x');
+    EXPECT_EQ(model.generate(prompt.c_str()).result, ORB_FAILED);
+    EXPECT_EQ(model.stats().contextTokens, before + 1);
+  }
+}
+
+TEST_P(PromptPass, ALongPromptIsFedWhole) {
+  OpenedModel model{Alphabet()};
+  for (const size_t before : {1u, 62u, 63u, 64u, 65u, 127u, 128u, 150u}) {
+    const Reply reply = model.generate((std::string(before, 'x') + "a").c_str());
+    EXPECT_EQ(reply.text, "bc") << before;
+    EXPECT_EQ(model.stats().contextTokens, before + 3);
+  }
+}
+
+TEST_P(PromptPass, TimeIsBookedForEveryToken) {
+  OpenedModel model{Alphabet()};
+  model.generate((std::string(99, 'x') + "c").c_str());
+  const ORBRuntimeStats stats = model.stats();
+  EXPECT_GT(stats.lastForwardMs, 0.0);
+  EXPECT_GE(stats.totalForwardMs, stats.lastForwardMs);
+}
+
 TEST(Prefill, EmptyListSucceedsWithZeroLogits) {
   OpenedModel model{Alphabet()};
   qwen35::Qwen35Session& session = model.session();
@@ -354,6 +401,7 @@ struct Dice : ScriptedModel {
 };
 
 TEST(GenerateWithOptions, SettingsHoldForTheCallOnly) {
+  const WithoutMixers quick;
   OpenedModel model{Dice()};
   const ORBSessionOptions before = options(0.25f, 7, 0.125f);
   ASSERT_EQ(runtime().configure(model.handle(), &before), ORB_OK);
@@ -365,6 +413,7 @@ TEST(GenerateWithOptions, SettingsHoldForTheCallOnly) {
 }
 
 TEST(GenerateWithOptions, SettingsAreInForceDuringTheCall) {
+  const WithoutMixers quick;
   OpenedModel model{Dice()};
   const std::string greedy = model.generate("x").text;
   EXPECT_EQ(greedy, std::string(96, 'x'));
@@ -385,6 +434,7 @@ TEST(GenerateWithOptions, SettingsComeBackAfterAFailureToo) {
 }
 
 TEST(GenerateWithOptions, SeedStaysAndChangesLaterResults) {
+  const WithoutMixers quick;
   OpenedModel first{Dice()};
   OpenedModel second{Dice()};
   const ORBSessionOptions hot = options(1.0f);
@@ -398,6 +448,7 @@ TEST(GenerateWithOptions, SeedStaysAndChangesLaterResults) {
 }
 
 TEST(GenerateWithOptions, ZeroSeedContinuesTheGenerator) {
+  const WithoutMixers quick;
   OpenedModel model{Dice()};
   const ORBSessionOptions hot = options(1.0f);
   const std::string first = model.generateEx("x", &hot).text;
@@ -407,6 +458,7 @@ TEST(GenerateWithOptions, ZeroSeedContinuesTheGenerator) {
 }
 
 TEST(GenerateWithOptions, NegativeTemperatureKeepsTheCurrentOneAndZeroReplacesIt) {
+  const WithoutMixers quick;
   OpenedModel model{Dice()};
   const ORBSessionOptions hot = options(1.0f);
   ASSERT_EQ(runtime().configure(model.handle(), &hot), ORB_OK);
@@ -417,6 +469,7 @@ TEST(GenerateWithOptions, NegativeTemperatureKeepsTheCurrentOneAndZeroReplacesIt
 }
 
 TEST(GenerateWithOptions, NullOrShortRecordIsIgnoredWithoutError) {
+  const WithoutMixers quick;
   OpenedModel model{Dice()};
   const std::string greedy = model.generate("x").text;
   EXPECT_EQ(model.generateEx("x", nullptr).text, greedy);

@@ -107,7 +107,6 @@ TEST_F(Limits, AHandleKeepsTheLimitsItWasCreatedWith) {
 }
 
 TEST_F(Limits, EveryTierGivesTheSameText) {
-  const WithMixers mixers;
   const ScopedEnv tokens("QWEN35_MAX_TOKENS", "6");
   ScriptedModel script;
   const int32_t a = script.token("a"), b = script.token("b"), c = script.token("c");

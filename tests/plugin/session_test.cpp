@@ -226,6 +226,7 @@ TEST(Create, TheGeneratorIsSeededWith42) {
 }
 
 TEST(Create, AFreshHandleDecodesGreedilyUntilConfigured) {
+  const WithoutMixers quick;
   Plain script;
   script.mayFollow(script.x, script.x);
   script.mayFollow(script.x, script.token("y"));
@@ -269,6 +270,7 @@ TEST(Create, AFailureLeavesNothingBehindAndTheNextCallWorks) {
 TEST(Destroy, NullHandleIsIgnored) { runtime().destroy(nullptr); }
 
 TEST(Destroy, HandlesAreIndependent) {
+  const WithoutMixers quick;
   Plain script;
   auto first = std::make_unique<OpenedModel>(script);
   auto second = std::make_unique<OpenedModel>(script);

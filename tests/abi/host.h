@@ -1,0 +1,82 @@
+/* The least that a host does: loads the plug-in and finds its tables. And what the tests look at
+ * from outside: threads, memory and processor time of the process. */
+#ifndef ORB_TESTS_ABI_HOST_H
+#define ORB_TESTS_ABI_HOST_H
+
+#include <stddef.h>
+
+#include "orb_plugin.h"
+
+typedef struct Host {
+  void* library;
+  ORBPluginInitFn init;
+  ORBPluginRuntimesFn runtimes;
+  ORBPluginRuntimesV2Fn runtimesV2;
+  ORBPluginRuntimesV2SFn runtimesV2S;
+  const ORBRuntimeV2* runtime;
+  const ORBRuntimeV2S* streaming;
+} Host;
+
+/* Of the command line. */
+extern const char* pluginPath;
+extern const char* modelDirectory;
+
+/* Both end the program when something is missing. */
+void openHost(Host* host);
+void closeHost(Host* host);
+
+/* "<model directory>/<name>", one of four buffers in turn. */
+const char* modelPath(const char* name);
+
+/* Null, with a failed check, when the model cannot be opened. */
+ORBRuntimeHandle* openModel(const Host* host, const char* name);
+
+/* Text that a streamed turn gave, whole and by chunks. */
+typedef struct Stream {
+  char text[4096];
+  size_t length;
+  int chunks;
+  int cancelAfter;     /* chunks after which the flag is set; 0 for never */
+  volatile int cancel; /* handed over as the flag */
+} Stream;
+
+int streamTurn(const Host* host, ORBRuntimeHandle* handle, const char* userText, Stream* stream);
+
+int threadCount(void);
+long residentKiB(void);
+double processorSeconds(void); /* of all threads */
+double wallSeconds(void);
+int openFileCount(void);
+void sleepMilliseconds(int milliseconds);
+
+/* Set in builds whose allocator keeps freed memory and whose runtime takes time of its own. */
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define ORB_SANITIZED 1
+#else
+#define ORB_SANITIZED 0
+#endif
+
+/* One case of a file each; main.c lists them. */
+void testTables(void);
+void testTablesAreConstant(void);
+void testUtilityFunctions(void);
+void testProbe(void);
+void testCreateFailures(void);
+void testArgumentErrors(void);
+void testGenerate(void);
+void testGenerateWithOptions(void);
+void testChat(void);
+void testStream(void);
+void testCancelFromAnotherThread(void);
+void testConfigure(void);
+void testBench(void);
+void testStatsAndReset(void);
+void testLoadingDoesNoWork(void);
+void testIdleBetweenCalls(void);
+void testUnloadRounds(void);
+void testFreshHandleIsSmall(void);
+void testProcessIsLeftAlone(void);
+void testNamesElsewhereDoNotReachIn(void);
+void testTwoHandlesInTwoThreads(void);
+
+#endif
