@@ -80,6 +80,16 @@ void sizeState(const Model& model, Layer& layer) {
   }
 }
 
+bool isZero(const TensorView* vector, uint64_t n) {
+  const auto* values = reinterpret_cast<const float*>(vector->data);
+  return std::all_of(values, values + n, [](float value) { return value == 0.0f; });
+}
+
+// A bias would make keys and values of nothing.
+bool hasBias(const Layer& layer) {
+  return layer.attnQBias != nullptr || layer.attnKBias != nullptr || layer.attnVBias != nullptr;
+}
+
 void sizeWorkspace(Model& model) {
   uint64_t ffn = 0;
   for (const Layer& layer : model.layers) ffn = std::max(ffn, rowCount(*layer.ffnGate));
@@ -127,6 +137,10 @@ bool bindModel(ORBLoader& loader, Model& model, size_t maxContext) {
   model.maxContext = maxContext;
   model.layerCount = model.layers.size();
   if (model.kernels == nullptr) model.kernels = &selectKernels(nullptr);
+  for (Layer& layer : model.layers) {
+    layer.isIdentity = isZero(layer.attnNorm, model.hiddenSize) &&
+                       isZero(layer.postAttentionNorm, model.hiddenSize) && !hasBias(layer);
+  }
   sizeWorkspace(model);
   return true;
 }

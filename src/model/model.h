@@ -24,6 +24,9 @@ inline constexpr float kEpsilon = 1e-6f;
 // no such tensor; the state belongs to the block.
 struct Layer {
   bool isLinear = false;
+  // Both norms are zero, so that mixer and feed-forward add nothing: the block is passed over.
+  // Models of fewer blocks are filled up with such.
+  bool isIdentity = false;
   const kiv::TensorView* attnNorm = nullptr;           // attn_norm.weight [hidden]
   const kiv::TensorView* postAttentionNorm = nullptr;  // post_attention_norm.weight [hidden]
 

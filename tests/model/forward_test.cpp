@@ -248,6 +248,48 @@ TEST(ForwardHookTest, EveryKQuantProductOfAPassIsOfferedToTheHook) {
 
 // --------------------------------------------------------------------------------------- ablation
 
+// Zero norms for one block of the model, bound anew.
+class ZeroNorms {
+ public:
+  ZeroNorms(SmallModel& small, size_t block) : zeros_(*small.model.outputNorm) {
+    std::fill(zeros_.values.begin(), zeros_.values.end(), 0.0f);
+    small.model.layers[block].attnNorm = &zeros_.view;
+    small.model.layers[block].postAttentionNorm = &zeros_.view;
+    EXPECT_TRUE(bindModel(small.loader, small.model, small.model.maxContext));
+  }
+
+ private:
+  OwnTensor zeros_;
+};
+
+TEST(IdentityBlockTest, ABlockWhoseNormsAreZeroIsPassedOverWithTheSameResult) {
+  for (const size_t block : {size_t{2}, size_t{3}}) {  // a linear and a full one
+    SmallModel passed, run;
+    const ZeroNorms inPassed(passed, block), inRun(run, block);
+    ASSERT_TRUE(passed.model.layers[block].isIdentity);
+    run.model.layers[block].isIdentity = false;
+    for (size_t pos = 0; pos < 3; ++pos) {
+      EXPECT_EQ(logitsOf(passed, 5 + pos, pos), logitsOf(run, 5 + pos, pos));
+    }
+    EXPECT_EQ(passed.model.layers[block].position, 3u);
+  }
+}
+
+TEST(IdentityBlockTest, OneZeroNormOrABiasMakesNoIdentity) {
+  SmallModel small;
+  OwnTensor zeros(*small.model.outputNorm);
+  std::fill(zeros.values.begin(), zeros.values.end(), 0.0f);
+  small.model.layers[0].attnNorm = &zeros.view;
+  ASSERT_TRUE(bindModel(small.loader, small.model, 64));
+  EXPECT_FALSE(small.model.layers[0].isIdentity);
+
+  orb::SynthOptions options = smallOptions();
+  options.biases = true;
+  SmallModel biased(options);
+  const ZeroNorms zeroNorms(biased, 3);
+  EXPECT_FALSE(biased.model.layers[3].isIdentity);
+}
+
 TEST(AblationTest, FullKeepsTheFullMixersOnlyAndLinTheLinearOnes) {
   for (const char* kept : {"full", "lin"}) {
     const bool linear = std::strcmp(kept, "lin") == 0;

@@ -18,7 +18,11 @@ struct LaneSum {
   float lane[kLanes] = {};
 
   void add(const float* a, const float* b, size_t n) {
-    for (size_t i = 0; i < n; ++i) lane[i % kLanes] += a[i] * b[i];
+    size_t i = 0;
+    for (; i + kLanes <= n; i += kLanes) {
+      for (size_t l = 0; l < kLanes; ++l) lane[l] += a[i + l] * b[i + l];
+    }
+    for (size_t l = 0; l < n - i; ++l) lane[l % kLanes] += a[i + l] * b[i + l];
   }
   float total() const {
     float sum = 0;
