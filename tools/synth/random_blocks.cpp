@@ -73,7 +73,8 @@ void packScales(const uint8_t scales[8], const uint8_t minimums[8], uint8_t* out
 void fillScalesK(Random& random, float deviation, float codeDeviation, int levels, uint8_t* out) {
   const uint16_t d = f32ToF16(deviation / (codeDeviation * kScaleRms));
   putHalf(out, d);
-  putHalf(out + 2, f32ToF16(f16ToF32(d) * static_cast<float>(levels / 2)));  // exact
+  const int middle = levels / 2;
+  putHalf(out + 2, f32ToF16(f16ToF32(d) * static_cast<float>(middle)));  // exact
   uint8_t scales[8];
   uint8_t minimums[8];
   uint64_t bits = random.next();
