@@ -13,8 +13,8 @@ mkdir -p build/bench
 if [[ -n ${MODEL:-} ]]; then
   models=("$MODEL")
 else
-  build/release/bin/kernels_bench --benchmark_out=build/bench/kernels.json \
-    --benchmark_out_format=json
+  build/release/bin/kernels_bench --benchmark_min_time=0.2 --benchmark_out_format=json \
+    --benchmark_out=build/bench/kernels.json
   large=build/bench/synthetic-1b.orb
   [[ -f $large ]] || "$orb" synth "$large" --shape 1b
   models=(models/demo.orb "$large")
