@@ -81,9 +81,9 @@ void fillScalesK(Random& random, float deviation, float codeDeviation, int level
   for (int j = 0; j < 8; ++j, bits >>= 8) {
     const int scale = 32 + static_cast<int>(bits & 31);
     const int noise = static_cast<int>(bits >> 5 & 1) - static_cast<int>(bits >> 6 & 1);
-    const int middle = (scale * (levels - 1) + levels / 2) / levels;
+    const int mean = (scale * (levels - 1) + middle) / levels;
     scales[j] = static_cast<uint8_t>(scale);
-    minimums[j] = static_cast<uint8_t>(middle + noise > 63 ? 63 : middle + noise);
+    minimums[j] = static_cast<uint8_t>(mean + noise > 63 ? 63 : mean + noise);
   }
   packScales(scales, minimums, out + 4);
 }
