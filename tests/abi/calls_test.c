@@ -278,7 +278,7 @@ static void* cancelLater(void* user) {
 
 /* The flag is a plain volatile int, which a race detector rightly does not take for atomic. */
 void testCancelFromAnotherThread(void) {
-#if !defined(__SANITIZE_THREAD__)
+#if !defined(ORB_RACES_DETECTED)
   Host host;
   ORBRuntimeHandle* handle;
   volatile int flag = 0;

@@ -21,6 +21,7 @@ static void findFunction(void* library, const char* name, void* pointer) {
 }
 
 void openHost(Host* host) {
+  threadCount();
   host->library = dlopen(pluginPath, RTLD_NOW | RTLD_LOCAL);
   if (host->library == NULL) {
     fprintf(stderr, "%s\n", dlerror());
@@ -75,7 +76,12 @@ static int countEntries(const char* directory) {
   return count - 2; /* . and .. */
 }
 
-int threadCount(void) { return countEntries("/proc/self/task"); }
+int threadCount(void) {
+  static int others = -1;
+  const int threads = countEntries("/proc/self/task");
+  if (others < 0) others = threads - 1;
+  return threads - others;
+}
 
 int openFileCount(void) { return countEntries("/proc/self/fd"); }
 

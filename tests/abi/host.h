@@ -42,16 +42,27 @@ typedef struct Stream {
 
 int streamTurn(const Host* host, ORBRuntimeHandle* handle, const char* userText, Stream* stream);
 
-int threadCount(void);
+int threadCount(void); /* but for those that were there before the plug-in */
 long residentKiB(void);
 double processorSeconds(void); /* of all threads */
 double wallSeconds(void);
 int openFileCount(void);
 void sleepMilliseconds(int milliseconds);
 
-/* Set in builds whose allocator keeps freed memory and whose runtime takes time of its own. */
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+/* Whether a sanitizer is built in: its allocator keeps freed memory, and its runtime takes time and
+ * may have a thread of its own. */
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORB_SANITIZED_ADDRESS 1
+#elif __has_feature(thread_sanitizer)
+#define ORB_SANITIZED_THREAD 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(ORB_SANITIZED_ADDRESS)
 #define ORB_SANITIZED 1
+#elif defined(__SANITIZE_THREAD__) || defined(ORB_SANITIZED_THREAD)
+#define ORB_SANITIZED 1
+#define ORB_RACES_DETECTED 1
 #else
 #define ORB_SANITIZED 0
 #endif

@@ -80,6 +80,7 @@ TEST(BenchCall, NullParametersMean64And8) {
 }
 
 TEST(BenchCall, LargestValuesDoNotOverflowAndTheLoopEndsAt4096) {
+  const DefaultContext context;
   const WithoutMixers quick;
   OpenedModel model{Bench()};
   constexpr int32_t kMost = std::numeric_limits<int32_t>::max();

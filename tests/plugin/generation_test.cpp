@@ -139,6 +139,7 @@ TEST(Generate, StopsWhenTheContextIsFull) {
 }
 
 TEST(Generate, DefaultContextHolds8192Positions) {
+  const DefaultContext context;
   const WithoutMixers quick;
   OpenedModel model{Alphabet()};
   EXPECT_EQ(model.generate(std::string(8192, 'x').c_str()).result, ORB_OK);

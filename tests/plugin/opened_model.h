@@ -41,6 +41,12 @@ class ScopedEnv {
   std::optional<std::string> old_;
 };
 
+// Gives models the context length that they have by default, which these tests otherwise shorten.
+class DefaultContext : public ScopedEnv {
+ public:
+  DefaultContext() : ScopedEnv("QWEN35_MAX_CONTEXT", "") {}
+};
+
 // Skips the mixers, which add nothing in scripted models but take most of the time, for tests that
 // feed many tokens. Prompts are then fed token by token, as always when a diagnostic variable is
 // set.

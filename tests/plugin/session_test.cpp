@@ -200,6 +200,7 @@ TEST(Create, AFreshHandleHasTheDefaults) {
 }
 
 TEST(Create, AFreshHandleHasTheArchitectureConstants) {
+  const DefaultContext context;
   OpenedModel opened{Plain()};
   const qwen35::Model& model = opened.session().model;
   const uint64_t words[] = {model.attentionHeads,   model.keyValueHeads,    model.attentionHeadSize,
