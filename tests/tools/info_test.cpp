@@ -47,7 +47,7 @@ InfoReport examine(const std::vector<uint8_t>& file, const char* message = "") {
   // Both forms can be made of whatever was found.
   EXPECT_FALSE(infoText(report).empty());
   EXPECT_NO_THROW(
-      Json::parse(infoJson(report).dump(2, ' ', false, Json::error_handler_t::replace)));
+      (void)Json::parse(infoJson(report).dump(2, ' ', false, Json::error_handler_t::replace)));
   return report;
 }
 
