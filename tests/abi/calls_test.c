@@ -258,6 +258,10 @@ void testStream(void) {
   closeHost(&host);
 }
 
+/* The flag is a plain volatile int, which a race detector rightly does not take for atomic. */
+#if defined(ORB_RACES_DETECTED)
+void testCancelFromAnotherThread(void) {}
+#else
 typedef struct Canceller {
   volatile int* flag;
   volatile int started;
@@ -276,9 +280,7 @@ static void* cancelLater(void* user) {
   return NULL;
 }
 
-/* The flag is a plain volatile int, which a race detector rightly does not take for atomic. */
 void testCancelFromAnotherThread(void) {
-#if !defined(ORB_RACES_DETECTED)
   Host host;
   ORBRuntimeHandle* handle;
   volatile int flag = 0;
@@ -294,8 +296,8 @@ void testCancelFromAnotherThread(void) {
   CHECK(canceller.started < 8000);
   host.runtime->destroy(handle);
   closeHost(&host);
-#endif
 }
+#endif
 
 void testConfigure(void) {
   Host host;
