@@ -46,8 +46,8 @@ InfoReport examine(const std::vector<uint8_t>& file, const char* message = "") {
   checkModel(loader, report);
   // Both forms can be made of whatever was found.
   EXPECT_FALSE(infoText(report).empty());
-  EXPECT_NO_THROW(
-      (void)Json::parse(infoJson(report).dump(2, ' ', false, Json::error_handler_t::replace)));
+  const std::string json = infoJson(report).dump(2, ' ', false, Json::error_handler_t::replace);
+  EXPECT_TRUE(Json::accept(json));
   return report;
 }
 
