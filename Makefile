@@ -2,11 +2,12 @@
 JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test bench format clean
+.PHONY: help demo test race bench format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
 	@echo 'make test     every check: format, lint, tests, tests under sanitizers'
+	@echo 'make race     the tests under the thread sanitizer'
 	@echo 'make bench    measure the demo model and the kernels on this machine'
 	@echo 'make format   format the sources in place'
 	@echo 'make clean    remove build/'
@@ -18,6 +19,10 @@ demo:
 
 test:
 	@scripts/test.sh
+
+race:
+	@scripts/bootstrap.sh all
+	cmake --preset tsan && cmake --build --preset tsan && ctest --preset tsan
 
 bench:
 	@scripts/bench.sh
