@@ -4,8 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/bootstrap.sh
-[[ -f build/release/build.ninja ]] || cmake --preset release >/dev/null
+scripts/bootstrap.sh all
+cmake --preset release >/dev/null
 cmake --build --preset release --target orb kernels_bench
 orb=build/release/bin/orb
 mkdir -p build/bench

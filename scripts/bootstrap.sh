@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that the project needs and that are not there yet.
 #   bootstrap.sh        to build and run
-#   bootstrap.sh all    to run every check as well
+#   bootstrap.sh all    to test and measure as well
 set -euo pipefail
 
-packages=(g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
-  nlohmann-json3-dev libedit-dev)
+packages=(g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev libedit-dev)
 if [[ ${1:-} == all ]]; then
-  packages+=(git clang clang-format clang-tidy libclang-rt-dev libomp-dev python3 python3-numpy)
+  packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 python3-numpy
+    git clang clang-format clang-tidy libclang-rt-dev libomp-dev)
 fi
 
 fail() {

@@ -5,7 +5,9 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/bootstrap.sh
-[[ -f build/release/build.ninja ]] || cmake --preset release >/dev/null
+# Tests and benchmarks, which need more packages, join when they are asked for.
+[[ -f build/release/build.ninja ]] ||
+  cmake --preset release -DORB_BUILD_TESTS=OFF -DORB_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build --preset release --target orb
 if [[ -t 0 ]]; then
   exec build/release/bin/orb chat models/demo.orb
