@@ -1,6 +1,7 @@
 # A thin front over CMake presets and scripts/; every recipe can be run by hand.
 JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
+export CTEST_PARALLEL_LEVEL = $(JOBS)
 
 .PHONY: help demo test race bench format clean
 
@@ -22,7 +23,7 @@ test:
 
 race:
 	@scripts/bootstrap.sh all
-	cmake --preset tsan && cmake --build --preset tsan && ctest --preset tsan
+	cmake --preset tsan >/dev/null && cmake --build --preset tsan && ctest --preset tsan
 
 bench:
 	@scripts/bench.sh
