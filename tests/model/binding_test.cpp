@@ -349,7 +349,7 @@ TEST(ValidationTest, DataMustHoldWhatTheShapeNeeds) {
   for (const QuantType type :
        {QuantType::BF16, QuantType::Q8_0, QuantType::Q4_K, QuantType::Q5_K, QuantType::Q6_K}) {
     TensorSpec spec = TensorSpec::zeros(type, {256, 2});
-    const uint64_t needed = spec.data.size();
+    const uint64_t needed = spec.data->size();
     expectAccepted("blk.0.attn_qkv.weight", kiv::quantTypeName(type), spec);
     spec.sizeChange = -1;
     expectRefused({kiv::quantTypeName(type), "blk.0.attn_qkv.weight", become(spec),
@@ -762,11 +762,11 @@ TEST(StateTest, EmptyCachesOfALongContextCostNoMemory) {
 
 TEST(EmbedRowTest, ConvertsTheRowOfTheToken) {
   ModelFile file;
-  TensorSpec embedding = TensorSpec::zeros(QuantType::Q8_0, {ModelFile::kHidden, 3});
-  for (size_t i = 0; i < embedding.data.size(); ++i) {
-    embedding.data[i] = static_cast<uint8_t>(i % 34 < 2 ? (i % 2 == 0 ? 0x00 : 0x3C) : i / 34);
+  std::vector<uint8_t> bytes(34 * ModelFile::kHidden / 32 * 3);
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    bytes[i] = static_cast<uint8_t>(i % 34 < 2 ? (i % 2 == 0 ? 0x00 : 0x3C) : i / 34);
   }
-  file["token_embd.weight"] = embedding;
+  file["token_embd.weight"] = TensorSpec::of(QuantType::Q8_0, {ModelFile::kHidden, 3}, bytes);
   Bound bound(file);
   ASSERT_TRUE(bound.usable());
   std::vector<float> out(ModelFile::kHidden + 1, -1.0f);

@@ -54,6 +54,7 @@ std::vector<float> logitsOf(SmallModel& small, size_t token, size_t pos) {
 // mixers of one kind can be left out.
 std::vector<float> passByHand(SmallModel& small, size_t token, size_t pos, bool linear = true,
                               bool full = true) {
+  const orbtest::ThreadCount one(1);  // steps by themselves start and end their threads each time
   Model& model = small.model;
   const size_t n = model.hiddenSize;
   const auto floats = [](const kiv::TensorView* tensor) {

@@ -18,6 +18,7 @@ namespace qwen35 {
 namespace {
 
 using orbtest::EnvironmentVariable;
+using orbtest::fillCaches;
 using orbtest::FullReference;
 using orbtest::normalVector;
 using orbtest::OwnTensor;
@@ -41,21 +42,6 @@ class FullAttentionTest : public orbtest::TierTest {
     std::vector<float> out(kHidden, 0.0f);
     fullAttnStep(small.model, small.model.layers[kBlock], x.data(), out.data(), pos, kBlock);
     return out;
-  }
-
-  // Puts keys and values of order one into the first `count` slots.
-  void fillCaches(SmallModel& small, size_t count) const {
-    Layer& layer = small.model.layers[kBlock];
-    const std::vector<float> values = normalVector(2 * 4 * 256 * count, 99);
-    const float* next = values.data();
-    for (size_t g = 0; g < 4; ++g) {
-      const size_t first = g * small.model.maxContext * 256;
-      for (ZeroedArray* cache : {&layer.keyCache, &layer.valueCache}) {
-        std::copy_n(next, 256 * count, cache->data() + first);
-        next += 256 * count;
-      }
-    }
-    layer.position = count;
   }
 
   // Feeds `tokens` tokens from the layer's position on and compares every output.
@@ -88,7 +74,7 @@ TEST_P(FullAttentionTest, FollowsTheFormulaOverLongContexts) {
   SmallModel small(smallOptions(), &kernels(), 1100);
   for (const size_t cached : {254, 511, 767, 1030}) {
     resetModel(small.model);
-    fillCaches(small, cached);
+    fillCaches(small.model, cached);
     compare(small, cached == 254 ? 3 : 2);
   }
 }
@@ -258,7 +244,7 @@ TEST_P(FullAttentionTest, GivesTheSameBitsForEveryNumberOfThreadsAndAfterAReset)
     resetModel(small.model);
     std::vector<std::vector<float>> outputs;
     for (size_t pos = 0; pos < 6; ++pos) {
-      if (pos == 3) fillCaches(small, 765);
+      if (pos == 3) fillCaches(small.model, 765);
       outputs.push_back(step(small, normalVector(kHidden, static_cast<unsigned>(pos)), pos));
     }
     if (first.empty()) first = outputs;

@@ -1,39 +1,20 @@
 #include "model/model_file.h"
 
-#include <bit>
+#include <cstring>
 
 namespace orbtest {
 
 using kiv::QuantType;
 
-TensorSpec TensorSpec::zeros(QuantType type, std::vector<uint64_t> dims) {
-  TensorSpec spec;
-  spec.type = static_cast<uint16_t>(type);
-  uint64_t bytes = kiv::quant::quantizedBytes(type, dims.empty() ? 0 : dims[0]);
-  for (size_t i = 1; i < dims.size(); ++i) bytes *= dims[i];
-  spec.dims = std::move(dims);
-  spec.data.resize(bytes);
-  return spec;
-}
+namespace {
 
-TensorSpec TensorSpec::floats(std::vector<uint64_t> dims, float value) {
-  TensorSpec spec = zeros(QuantType::F32, std::move(dims));
-  for (size_t at = 0; at < spec.data.size(); at += 4) {
-    poke(spec.data, at, std::bit_cast<uint32_t>(value));
-  }
-  return spec;
-}
-
-ModelFile::ModelFile(size_t blocks) {
-  tensors_["token_embd.weight"] = TensorSpec::floats({kHidden, kVocabulary}, 1);
-  tensors_["output_norm.weight"] = TensorSpec::floats({kHidden}, 1);
-  for (size_t i = 0; i < blocks; ++i) addBlock(i, i % 4 != 3);
-}
-
-void ModelFile::addBlock(size_t index, bool linear) {
+// The tensors of one block, by suffix.
+std::map<std::string, TensorSpec> makeBlock(bool linear) {
+  constexpr uint64_t kHidden = ModelFile::kHidden;
+  constexpr uint64_t kFfn = ModelFile::kFfn;
+  std::map<std::string, TensorSpec> block;
   const auto add = [&](const char* suffix, std::vector<uint64_t> dims, float value) {
-    tensors_["blk." + std::to_string(index) + "." + suffix] =
-        TensorSpec::floats(std::move(dims), value);
+    block[suffix] = TensorSpec::floats(std::move(dims), value);
   };
   add("attn_norm.weight", {kHidden}, 1);
   add("post_attention_norm.weight", {kHidden}, 1);
@@ -58,6 +39,45 @@ void ModelFile::addBlock(size_t index, bool linear) {
     add("attn_q_norm.weight", {256}, 1);
     add("attn_k_norm.weight", {256}, 1);
   }
+  return block;
+}
+
+}  // namespace
+
+TensorSpec TensorSpec::of(QuantType type, std::vector<uint64_t> dims, std::vector<uint8_t> bytes) {
+  TensorSpec spec;
+  spec.type = static_cast<uint16_t>(type);
+  spec.dims = std::move(dims);
+  spec.data = std::make_shared<const std::vector<uint8_t>>(std::move(bytes));
+  return spec;
+}
+
+TensorSpec TensorSpec::zeros(QuantType type, std::vector<uint64_t> dims) {
+  uint64_t bytes = kiv::quant::quantizedBytes(type, dims.empty() ? 0 : dims[0]);
+  for (size_t i = 1; i < dims.size(); ++i) bytes *= dims[i];
+  return of(type, std::move(dims), std::vector<uint8_t>(bytes));
+}
+
+TensorSpec TensorSpec::floats(std::vector<uint64_t> dims, float value) {
+  uint64_t count = 1;
+  for (const uint64_t dim : dims) count *= dim;
+  const std::vector<float> values(count, value);
+  std::vector<uint8_t> bytes(count * sizeof value);
+  if (count != 0) std::memcpy(bytes.data(), values.data(), bytes.size());
+  return of(QuantType::F32, std::move(dims), std::move(bytes));
+}
+
+ModelFile::ModelFile(size_t blocks) {
+  tensors_["token_embd.weight"] = TensorSpec::floats({kHidden, kVocabulary}, 1);
+  tensors_["output_norm.weight"] = TensorSpec::floats({kHidden}, 1);
+  for (size_t i = 0; i < blocks; ++i) addBlock(i, i % 4 != 3);
+}
+
+void ModelFile::addBlock(size_t index, bool linear) {
+  static const std::map<std::string, TensorSpec> kinds[] = {makeBlock(false), makeBlock(true)};
+  for (const auto& [suffix, spec] : kinds[linear ? 1 : 0]) {
+    tensors_["blk." + std::to_string(index) + "." + suffix] = spec;
+  }
 }
 
 std::vector<uint8_t> ModelFile::build() const {
@@ -66,19 +86,18 @@ std::vector<uint8_t> ModelFile::build() const {
   kiv::TokenizerData tokenizer;
   tokenizer.tokens = {"a", "b"};
   builder.tokenizer(tokenizer);
-  std::map<std::string, uint64_t> offsets;
+  std::map<const void*, uint64_t> offsets;
   Bytes weights;
   for (const auto& [name, spec] : tensors_) {
-    const std::string bytes(spec.data.begin(), spec.data.end());
-    const auto [place, isNew] = offsets.emplace(bytes, (weights.size() + 63) / 64 * 64);
+    const auto [place, isNew] = offsets.emplace(spec.data.get(), (weights.size() + 63) / 64 * 64);
     if (isNew) {
       weights.zeros(place->second - weights.size());
-      weights.raw(Bytes(spec.data));
+      weights.raw(Bytes(*spec.data));
     }
     std::vector<uint8_t> entry =
         indexEntry(name, spec.type, spec.dims,
                    place->second + static_cast<uint64_t>(spec.offsetChange),
-                   spec.data.size() + static_cast<uint64_t>(spec.sizeChange))
+                   spec.data->size() + static_cast<uint64_t>(spec.sizeChange))
             .get();
     if (spec.ndims) poke(entry, 68, *spec.ndims);
     builder.rawTensor(entry);

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -17,16 +18,18 @@
 
 namespace orbtest {
 
-// An index entry and the bytes that it points to. Fields of the entry that differ from what the
-// bytes suggest are set afterwards.
+// An index entry and the bytes that it points to, which several may share. Fields of the entry that
+// differ from what the bytes suggest are set afterwards.
 struct TensorSpec {
   uint16_t type = 0;
   std::vector<uint64_t> dims;
-  std::vector<uint8_t> data;
+  std::shared_ptr<const std::vector<uint8_t>> data = std::make_shared<std::vector<uint8_t>>();
   int64_t sizeChange = 0;         // added to the entry's size
   int64_t offsetChange = 0;       // added to the entry's offset
   std::optional<uint16_t> ndims;  // stored instead of the number of dims
 
+  // The given bytes.
+  static TensorSpec of(kiv::QuantType type, std::vector<uint64_t> dims, std::vector<uint8_t> bytes);
   // Zeros of the type and shape, in whole blocks.
   static TensorSpec zeros(kiv::QuantType type, std::vector<uint64_t> dims);
   // F32, every element of the given value.
@@ -47,7 +50,7 @@ class ModelFile {
   void erase(const std::string& name) { tensors_.erase(name); }
   void addBlock(size_t index, bool linear);
 
-  // Tensors of the same bytes share them.
+  // Tensors that share their bytes here do so in the file.
   std::vector<uint8_t> build() const;
 
  private:

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -57,6 +58,23 @@ OwnTensor::OwnTensor(const kiv::TensorView& original) : view(original) {
   view.type = static_cast<uint16_t>(kiv::QuantType::F32);
   view.data = reinterpret_cast<const uint8_t*>(values.data());
   view.size = values.size() * sizeof(float);
+}
+
+void fillCaches(qwen35::Model& model, size_t count) {
+  const size_t slots = count * model.attentionHeadSize;
+  const std::vector<float> values = normalVector(2 * model.keyValueHeads * slots, 99);
+  for (qwen35::Layer& layer : model.layers) {
+    layer.position = count;
+    if (layer.isLinear) continue;
+    const float* next = values.data();
+    for (size_t g = 0; g < model.keyValueHeads; ++g) {
+      const size_t first = g * model.maxContext * model.attentionHeadSize;
+      for (qwen35::ZeroedArray* cache : {&layer.keyCache, &layer.valueCache}) {
+        std::copy_n(next, slots, cache->data() + first);
+        next += slots;
+      }
+    }
+  }
 }
 
 std::vector<float> normalVector(size_t n, unsigned seed) {

@@ -41,6 +41,10 @@ struct OwnTensor {
   kiv::TensorView view;
 };
 
+// Puts keys and values of order one into the first `count` slots of every full block, as if so many
+// tokens had been fed.
+void fillCaches(qwen35::Model& model, size_t count);
+
 std::vector<float> normalVector(size_t n, unsigned seed);
 double norm(const float* x, size_t n);
 // |a - b| / |b|
