@@ -115,9 +115,18 @@ void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType t
   std::vector<float> y(rows * qwen35::kMaxBatch);
   qwen35::ZeroedArray scratch;
   scratch.resize(qwen35::kBatchScratch);
-  const qwen35::Batch batch = {x.data(), kCols, y.data(), rows, qwen35::kMaxBatch, scratch.data()};
+  const auto index = static_cast<size_t>(type);
+  const auto arrange = tier.arrange[index];
+  const size_t width = arrange != nullptr ? qwen35::arrangedWidth(kCols) : kCols;
+  qwen35::ZeroedArray arranged;
+  arranged.resize(qwen35::kMaxBatch * width);
+  const float* input = arrange != nullptr ? arranged.data() : x.data();
+  const qwen35::Batch batch = {input, width, y.data(), rows, qwen35::kMaxBatch, scratch.data()};
   for (auto _ : state) {
-    tier.gemm[static_cast<size_t>(type)](weights.data(), weights.rowBytes(), rows, kCols, batch);
+    for (size_t t = 0; arrange != nullptr && t < qwen35::kMaxBatch; ++t) {
+      arrange(x.data() + t * kCols, kCols, arranged.data() + t * width);
+    }
+    tier.gemm[index](weights.data(), weights.rowBytes(), rows, kCols, batch);
     benchmark::ClobberMemory();
   }
   const auto operations = static_cast<double>(2 * rows * kCols * qwen35::kMaxBatch);

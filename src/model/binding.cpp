@@ -109,6 +109,12 @@ void sizeWorkspace(Model& model) {
   w.gated.resizeRows(std::max(headWidth, model.linearValueWidth));
   w.ffnGate.resizeRows(ffn);
   w.ffnUp.resizeRows(ffn);
+  const uint64_t longest = std::max({model.hiddenSize, ffn, w.heads.width(), w.gated.width()});
+  for (size_t type = 0; type < w.arranged.size(); ++type) {
+    if (model.kernels->arrange[type] != nullptr) {
+      w.arranged[type].resizeRows(arrangedWidth(longest));
+    }
+  }
   w.batchScratch.resize(Team::kMaxThreads * kBatchScratch);
 }
 

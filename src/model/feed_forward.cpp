@@ -12,10 +12,10 @@ void feedForward(Model& model, Layer& layer, const float* x, float* out, size_t 
   const size_t hidden = model.hiddenSize;
   w.ffnGate.clearRows(tokens);
   w.ffnUp.clearRows(tokens);
-  Product gate(layer.ffnGate, x, hidden, w.ffnGate.data(), w.ffnGate.width(), tokens);
-  Product up(layer.ffnUp, x, hidden, w.ffnUp.data(), w.ffnUp.width(), tokens);
-  prepare(model, gate);
-  prepare(model, up);
+  Product products[] = {{layer.ffnGate, x, hidden, w.ffnGate.data(), w.ffnGate.width(), tokens},
+                        {layer.ffnUp, x, hidden, w.ffnUp.data(), w.ffnUp.width(), tokens}};
+  prepare(model, products);
+  const auto& [gate, up] = products;
   // A piece computes the same rows of both and their product while they are at hand.
   const size_t step = rowsPerPiece(gate.rowBytes + up.rowBytes);
   model.team.forEach((n + step - 1) / step, [&](size_t piece, size_t thread) {

@@ -84,24 +84,25 @@ class TokenRows : public ZeroedArray {
 // Work arrays of one forward pass, a row for each token of a batch; sized by bindModel, reused by
 // every pass. Rows that no batch reaches cost no memory.
 struct Workspace {
-  TokenRows x;               // [hidden] running hidden vector
-  TokenRows normed;          // [hidden]
-  TokenRows mixed;           // [hidden] mixer output
-  TokenRows residual;        // [hidden]
-  TokenRows ffnOut;          // [hidden]
-  TokenRows qkv;             // [8192] projection of either mixer: q + gate, or q, k and v channels
-  TokenRows conv;            // [8192] convolved channels
-  TokenRows key;             // [1024]
-  TokenRows value;           // [1024]
-  TokenRows gate;            // [4096]
-  TokenRows beta;            // [32]
-  TokenRows alpha;           // [32]
-  TokenRows heads;           // [4096] queries, or head outputs before the gated norm
-  TokenRows gated;           // [4096] head outputs as projected
-  TokenRows ffnGate;         // [largest ffn]
-  TokenRows ffnUp;           // [largest ffn]
-  ZeroedArray batchScratch;  // [thread][kBatchScratch]
-  std::vector<AttentionPart> parts;  // [token][key/value head][run of positions]
+  TokenRows x;         // [hidden] running hidden vector
+  TokenRows normed;    // [hidden]
+  TokenRows mixed;     // [hidden] mixer output
+  TokenRows residual;  // [hidden]
+  TokenRows ffnOut;    // [hidden]
+  TokenRows qkv;       // [8192] projection of either mixer: q + gate, or q, k and v channels
+  TokenRows conv;      // [8192] convolved channels
+  TokenRows key;       // [1024]
+  TokenRows value;     // [1024]
+  TokenRows gate;      // [4096]
+  TokenRows beta;      // [32]
+  TokenRows alpha;     // [32]
+  TokenRows heads;     // [4096] queries, or head outputs before the gated norm
+  TokenRows gated;     // [4096] head outputs as projected
+  TokenRows ffnGate;   // [largest ffn]
+  TokenRows ffnUp;     // [largest ffn]
+  std::array<TokenRows, 9> arranged;  // by quant type: the input of the current products
+  ZeroedArray batchScratch;           // [thread][kBatchScratch]
+  std::vector<AttentionPart> parts;   // [token][key/value head][run of positions]
 };
 
 // Optional accelerated product for Q4_K, Q5_K and Q6_K weights: adds W x into `output` and returns

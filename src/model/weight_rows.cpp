@@ -1,6 +1,7 @@
 #include "model/weight_rows.h"
 
 #include <algorithm>
+#include <tuple>
 
 #include "model/kernels/kernel_table.h"
 #include "model/numeric_kernels.h"
@@ -29,7 +30,47 @@ bool isSuperBlock(QuantType type) {
   return type == QuantType::Q4_K || type == QuantType::Q5_K || type == QuantType::Q6_K;
 }
 
+void lookUp(Model& model, Product& product) {
+  const kiv::TensorView& W = *product.W;
+  const auto type = static_cast<QuantType>(W.type);
+  product.rows = rowCount(W);
+  product.rowBytes = rowStride(type, W.dims[0]);
+  // A type that no weight may have adds nothing; binding refuses it.
+  product.done = product.rowBytes == 0;
+  if (product.done) return;
+  const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
+  product.gemv = kernels.gemv[static_cast<size_t>(type)];
+  product.gemm = kernels.gemm[static_cast<size_t>(type)];
+  product.arrange = kernels.arrange[static_cast<size_t>(type)];
+  product.arranged = product.x;
+  product.arrangedStride = product.xStride;
+  if (product.tokens == 1 && hasHook(model) && isSuperBlock(type)) {
+    product.done = model.matVecHook(model.matVecContext, &W, product.x, product.y);
+  }
+}
+
+// Those who share a type share the arranged input too.
+void arrangeInputs(Model& model, std::span<Product> products) {
+  uint64_t done[std::tuple_size_v<decltype(Workspace::arranged)>] = {};  // elements, by type
+  for (Product& product : products) {
+    if (product.done || product.arrange == nullptr) continue;
+    const kiv::TensorView& W = *product.W;
+    const uint64_t cols = W.dims[0];
+    TokenRows& rows = model.work.arranged[W.type];
+    if (rows.width() < arrangedWidth(cols)) rows.resizeRows(arrangedWidth(cols));
+    product.arranged = rows.data();
+    product.arrangedStride = rows.width();
+    if (done[W.type] >= cols) continue;
+    done[W.type] = cols;
+    model.team.forEach(product.tokens, [&](size_t t) {
+      product.arrange(product.x + t * product.xStride, cols, rows.row(t));
+    });
+  }
+}
+
 }  // namespace
+
+size_t arrangedWidth(uint64_t cols) { return cols / 256 * kArrangedBlock; }
 
 bool hasHook(const Model& model) {
   return model.matVecHook != nullptr && model.matVecContext != nullptr;
@@ -69,20 +110,9 @@ size_t rowsPerPiece(size_t rowBytes) {
   return std::max(kLineFloats, rows / kLineFloats * kLineFloats);
 }
 
-void prepare(Model& model, Product& product) {
-  const kiv::TensorView& W = *product.W;
-  const auto type = static_cast<QuantType>(W.type);
-  product.rows = rowCount(W);
-  product.rowBytes = rowStride(type, W.dims[0]);
-  // A type that no weight may have adds nothing; binding refuses it.
-  product.done = product.rowBytes == 0;
-  if (product.done) return;
-  const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
-  product.gemv = kernels.gemv[static_cast<size_t>(type)];
-  product.gemm = kernels.gemm[static_cast<size_t>(type)];
-  if (product.tokens == 1 && hasHook(model) && isSuperBlock(type)) {
-    product.done = model.matVecHook(model.matVecContext, &W, product.x, product.y);
-  }
+void prepare(Model& model, std::span<Product> products) {
+  for (Product& product : products) lookUp(model, product);
+  arrangeInputs(model, products);
 }
 
 void addRows(Model& model, const Product& product, size_t first, size_t last, size_t thread) {
@@ -90,12 +120,12 @@ void addRows(Model& model, const Product& product, size_t first, size_t last, si
   const uint8_t* rows = product.W->data + first * product.rowBytes;
   const size_t cols = product.W->dims[0];
   if (product.tokens == 1) {
-    product.gemv(rows, product.rowBytes, last - first, cols, product.x, product.y + first);
+    product.gemv(rows, product.rowBytes, last - first, cols, product.arranged, product.y + first);
     return;
   }
   product.gemm(rows, product.rowBytes, last - first, cols,
-               {.x = product.x,
-                .xStride = product.xStride,
+               {.x = product.arranged,
+                .xStride = product.arrangedStride,
                 .y = product.y + first,
                 .yStride = product.yStride,
                 .tokens = product.tokens,
@@ -112,6 +142,12 @@ void addProduct(const KernelTable& kernels, QuantType type, const void* rows, si
   const size_t rowBytes = rowStride(type, cols);
   const size_t step = rowsPerPiece(rowBytes);
   const GemvKernel kernel = kernels.gemv[static_cast<size_t>(type)];
+  ZeroedArray arranged;
+  if (const ArrangeKernel arrange = kernels.arrange[static_cast<size_t>(type)]) {
+    arranged.resize(arrangedWidth(cols));
+    arrange(x, cols, arranged.data());
+    x = arranged.data();
+  }
   const auto* bytes = static_cast<const uint8_t*>(rows);
   Team team;
   team.forEach((count + step - 1) / step, [&](size_t piece) {

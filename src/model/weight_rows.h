@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "compat/export.h"
 #include "format/tensor_view.h"
@@ -33,7 +34,7 @@ ORB_API void gemvRow(Model& model, const kiv::TensorView* W, const float* x, flo
 void addProduct(const KernelTable& kernels, kiv::QuantType type, const void* rows, size_t count,
                 size_t cols, const float* x, float* y);
 
-// One product of a group that shares a parallel region, over the tokens of a batch.
+// One product of a group that shares an input and a parallel region, over the tokens of a batch.
 struct Product {
   const kiv::TensorView* W;
   const float* x;  // token t at x + t * xStride, dims[0] floats
@@ -47,6 +48,9 @@ struct Product {
   size_t rowBytes = 0;
   GemvKernel gemv = nullptr;
   GemmKernel gemm = nullptr;
+  ArrangeKernel arrange = nullptr;
+  const float* arranged = nullptr;  // x in the form that the kernels take
+  size_t arrangedStride = 0;
 
   Product(const kiv::TensorView* weights, const TokenRows& input, TokenRows& output, size_t count)
       : Product(weights, input.data(), input.width(), output.data(), output.width(), count) {}
@@ -60,25 +64,30 @@ struct Product {
         tokens(count) {}
 };
 
+// Floats of a row of `cols` inputs in arranged form.
+size_t arrangedWidth(uint64_t cols);
+
 // Whether an accelerated product is installed; it takes one token at a time.
 bool hasHook(const Model& model);
 
 // Rows of one piece: about 32 KiB of weights, in whole cache lines of y.
 size_t rowsPerPiece(size_t rowBytes);
 
-// Looks up kernels and sizes, and offers the product to the model's hook.
-void prepare(Model& model, Product& product);
+// Looks up kernels and sizes of a group of products, offers each to the model's hook, and brings
+// the input into the forms that the kernels take.
+void prepare(Model& model, std::span<Product> products);
 
 // Adds rows first..last - 1 of the product, on the given thread of the model's team.
 void addRows(Model& model, const Product& product, size_t first, size_t last, size_t thread);
 
-// Adds every product into its y in one parallel region, then hands each finished run of rows to
+// Adds every product into its y in one parallel region; all read the same x, of which some may take
+// the first elements only. Then hands each finished run of rows to
 // finish(productIndex, firstRow, lastRow) on the thread that computed it.
 template <size_t kCount, typename Finish>
 void runProducts(Model& model, Product (&products)[kCount], const Finish& finish) {
+  prepare(model, products);
   size_t firstPiece[kCount + 1] = {};
   for (size_t p = 0; p < kCount; ++p) {
-    prepare(model, products[p]);
     const size_t step = rowsPerPiece(products[p].rowBytes);
     firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
   }

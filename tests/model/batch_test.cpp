@@ -53,12 +53,16 @@ class BatchedProductTest
     GuardedBuffer y(start, Side::End);
     std::vector<float> expected = start;
     const auto index = static_cast<size_t>(type());
+    const size_t width = orbtest::arrangedWidth(tier(), type(), cols);
+    std::vector<float> inputs(tokens * width);
     for (size_t t = 0; t < tokens; ++t) {
-      tier().gemv[index](guarded.bytes(), rowBytes, rows, cols, x.floats() + t * cols,
-                         expected.data() + t * rows);
+      float* input = inputs.data() + t * width;
+      orbtest::arrange(tier(), type(), x.floats() + t * cols, cols, input);
+      tier().gemv[index](guarded.bytes(), rowBytes, rows, cols, input, expected.data() + t * rows);
     }
+    GuardedBuffer guardedInputs(inputs, Side::End);
     alignas(64) static float scratch[qwen35::kBatchScratch];
-    const Batch batch = {x.floats(), cols, y.floats(), rows, tokens, scratch};
+    const Batch batch = {guardedInputs.floats(), width, y.floats(), rows, tokens, scratch};
     tier().gemm[index](guarded.bytes(), rowBytes, rows, cols, batch);
     EXPECT_EQ(std::memcmp(y.floats(), expected.data(), expected.size() * sizeof(float)), 0);
   }

@@ -22,7 +22,6 @@ using orbtest::kAllPatterns;
 using orbtest::makeRow;
 using orbtest::Pattern;
 using orbtest::Side;
-using qwen35::GemvKernel;
 using qwen35::KernelTable;
 
 constexpr double kBound = 1.0 / 16384;  // of sum |w_i x_i|
@@ -114,8 +113,8 @@ class GemvTest : public testing::TestWithParam<std::tuple<const KernelTable*, Qu
   void SetUp() override {
     const KernelTable& tier = *std::get<0>(GetParam());
     if (!qwen35::canRun(tier)) GTEST_SKIP() << "this machine can't run " << tier.name;
-    kernel_ = tier.gemv[static_cast<size_t>(type())];
-    ASSERT_NE(kernel_, nullptr);
+    tier_ = &tier;
+    ASSERT_NE(tier.gemv[static_cast<size_t>(type())], nullptr);
   }
   QuantType type() const { return std::get<1>(GetParam()); }
 
@@ -135,7 +134,7 @@ class GemvTest : public testing::TestWithParam<std::tuple<const KernelTable*, Qu
   std::vector<float> product(const uint8_t* rows, size_t rowBytes, size_t count, size_t cols,
                              const float* x) const {
     std::vector<float> y(count, 0.0f);
-    kernel_(rows, rowBytes, count, cols, x, y.data());
+    addProduct(rows, rowBytes, count, cols, x, y.data());
     return y;
   }
 
@@ -154,7 +153,12 @@ class GemvTest : public testing::TestWithParam<std::tuple<const KernelTable*, Qu
     return worst;
   }
 
-  GemvKernel kernel_ = nullptr;
+  void addProduct(const uint8_t* rows, size_t rowBytes, size_t count, size_t cols, const float* x,
+                  float* y) const {
+    orbtest::addProduct(*tier_, type(), rows, rowBytes, count, cols, x, y);
+  }
+
+  const KernelTable* tier_ = nullptr;
 };
 
 std::string gemvName(
@@ -221,7 +225,7 @@ TEST_P(GemvTest, AddsToTheOutput) {
   const std::vector<float> bare = product(m.bytes.data(), m.rowBytes, 3, 512, x.data());
   std::vector<float> y = {1000, -3, 0.5f};
   const std::vector<float> before = y;
-  kernel_(m.bytes.data(), m.rowBytes, 3, 512, x.data(), y.data());
+  addProduct(m.bytes.data(), m.rowBytes, 3, 512, x.data(), y.data());
   for (size_t r = 0; r < 3; ++r) {
     const float magnitude = std::fabs(before[r]) + std::fabs(bare[r]);
     EXPECT_NEAR(y[r], before[r] + bare[r], 1e-6f * magnitude) << r;
@@ -233,7 +237,7 @@ TEST_P(GemvTest, NoRowsLeaveTheOutputAlone) {
   const Matrix m(type(), Pattern::Random, 1, 256, random);
   const std::vector<float> x(256, 1.0f);
   float y = 7;
-  kernel_(m.bytes.data(), m.rowBytes, 0, 256, x.data(), &y);
+  addProduct(m.bytes.data(), m.rowBytes, 0, 256, x.data(), &y);
   EXPECT_EQ(y, 7);
 }
 
@@ -247,8 +251,8 @@ TEST_P(GemvTest, ARowHasTheSameBitsWhateverTheSplitIntoCalls) {
     for (const size_t step : {1, 2, 3, 5, 8, 16, 36}) {
       std::vector<float> y(kRows, 0.0f);
       for (size_t r = 0; r < kRows; r += step) {
-        kernel_(m.bytes.data() + r * m.rowBytes, m.rowBytes, std::min(step, kRows - r), cols,
-                x.data(), y.data() + r);
+        addProduct(m.bytes.data() + r * m.rowBytes, m.rowBytes, std::min(step, kRows - r), cols,
+                   x.data(), y.data() + r);
       }
       EXPECT_EQ(std::memcmp(y.data(), whole.data(), kRows * sizeof(float)), 0)
           << cols << " columns in steps of " << step;
@@ -284,9 +288,13 @@ TEST_P(GemvTest, TouchesNothingOutsideOfRowsInputAndOutput) {
     const std::vector<float> expected = product(m.bytes.data(), m.rowBytes, 3, cols, input.data());
     for (const Side side : {Side::Begin, Side::End}) {
       GuardedBuffer rows(m.bytes, side);
-      GuardedBuffer x(input, side);
+      std::vector<float> arranged(orbtest::arrangedWidth(*tier_, type(), cols));
+      GuardedBuffer plain(input, side);
+      orbtest::arrange(*tier_, type(), plain.floats(), cols, arranged.data());
+      GuardedBuffer x(arranged, side);
       GuardedBuffer y(std::vector<float>(3, 0.0f), side);
-      kernel_(rows.bytes(), m.rowBytes, 3, cols, x.floats(), y.floats());
+      const auto index = static_cast<size_t>(type());
+      tier_->gemv[index](rows.bytes(), m.rowBytes, 3, cols, x.floats(), y.floats());
       EXPECT_EQ(std::vector<float>(y.floats(), y.floats() + 3), expected) << cols << " columns";
     }
   }
@@ -303,7 +311,6 @@ TEST_P(KQuantTest, ScalesAndMinimumsAreUnpackedInEverySubBlock) {
   for (const QuantType type : {QuantType::Q4_K, QuantType::Q5_K}) {
     std::vector<uint8_t> codes(256);
     for (size_t i = 0; i < 256; ++i) codes[i] = type == QuantType::Q4_K ? i % 16 : i % 32;
-    const GemvKernel kernel = kernels().gemv[static_cast<size_t>(type)];
     for (size_t a = 0; a < std::size(kSteps); ++a) {
       for (size_t b = 0; b < std::size(kSteps); ++b) {
         uint8_t scales[8];
@@ -317,7 +324,7 @@ TEST_P(KQuantTest, ScalesAndMinimumsAreUnpackedInEverySubBlock) {
           std::vector<float> x(256, 0.0f);
           x[i] = 1;
           float y = 0;
-          kernel(block.data(), block.size(), 1, 256, x.data(), &y);
+          orbtest::addProduct(kernels(), type, block.data(), block.size(), 1, 256, x.data(), &y);
           ASSERT_EQ(y, codes[i] * scales[i / 32] - minimums[i / 32])
               << kiv::quantTypeName(type) << " element " << i;
         }
@@ -340,13 +347,12 @@ TEST_P(KQuantTest, AWeightThatCancelsToZeroStaysZeroBesideLargeInputs) {
   for (const QuantType type : {QuantType::Q4_K, QuantType::Q5_K}) {
     const auto block = orbtest::makeScaledBlock(type, kLarge, kLarge, scales, minimums, codes);
     float y = 0;
-    kernels().gemv[static_cast<size_t>(type)](block.data(), block.size(), 1, 256, x.data(), &y);
+    orbtest::addProduct(kernels(), type, block.data(), block.size(), 1, 256, x.data(), &y);
     EXPECT_EQ(y, 0) << kiv::quantTypeName(type);
   }
 }
 
 TEST_P(KQuantTest, OneDifferentSixBitCodeAmongZerosGivesItsOwnProductOnly) {
-  const GemvKernel kernel = kernels().gemv[static_cast<size_t>(QuantType::Q6_K)];
   int8_t scales[16];
   for (size_t j = 0; j < 16; ++j) scales[j] = static_cast<int8_t>(8 * static_cast<int>(j) - 61);
   std::vector<float> x(256);
@@ -357,7 +363,8 @@ TEST_P(KQuantTest, OneDifferentSixBitCodeAmongZerosGivesItsOwnProductOnly) {
       codes[i] = code;
       const auto block = orbtest::makeQ6Block(0x3C00, scales, codes);
       float y = 0;
-      kernel(block.data(), block.size(), 1, 256, x.data(), &y);
+      orbtest::addProduct(kernels(), QuantType::Q6_K, block.data(), block.size(), 1, 256, x.data(),
+                          &y);
       const double exact =
           static_cast<double>((code - 32) * scales[i / 16]) * static_cast<double>(x[i]);
       ASSERT_NEAR(y, exact, kBound * std::fabs(exact)) << "code " << int{code} << " at " << i;
@@ -379,7 +386,7 @@ TEST_P(KQuantTest, AnInfiniteScaleIsNotHidden) {
     }
     const std::vector<float> x(256, 1.0f);
     float y = 0;
-    kernels().gemv[static_cast<size_t>(type)](row.data(), row.size(), 1, 256, x.data(), &y);
+    orbtest::addProduct(kernels(), type, row.data(), row.size(), 1, 256, x.data(), &y);
     EXPECT_FALSE(std::isfinite(y)) << kiv::quantTypeName(type);
   }
 }

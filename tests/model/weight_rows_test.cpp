@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "model/kernel_tiers.h"
 #include "model/kernels/kernel_table.h"
 #include "model/threads.h"
 #include "model/weight_patterns.h"
@@ -257,8 +258,8 @@ TEST(GemvRowTest, EveryRowIsComputedOnceWithTheSameBitsForEveryNumberOfThreads) 
         const TestTensor tensor(type, {256, rows});
         const std::vector<float> x = normals(256, 7);
         std::vector<float> single(rows, 0.0f);
-        tier->gemv[static_cast<size_t>(type)](tensor.bytes.data(), tensor.bytes.size() / rows, rows,
-                                              256, x.data(), single.data());
+        orbtest::addProduct(*tier, type, tensor.bytes.data(), tensor.bytes.size() / rows, rows, 256,
+                            x.data(), single.data());
         for (const int threads : {1, 2, 3, 7}) {
           const ThreadCount scope(threads);
           std::vector<float> y(rows, 0.0f);

@@ -4,28 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
 
 namespace qwen35 {
 namespace {
 
 constexpr size_t kWidth = 8;  // floats of one register
-
-// Asks for the bytes that the next group of rows will want, in address order: a plain ascending
-// stream, which the hardware's own prefetcher follows, while the rows of a group are read in turns.
-inline void prefetch(const uint8_t* at, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) {
-    _mm_prefetch(reinterpret_cast<const char*>(at + i), _MM_HINT_T1);
-  }
-}
-
-// Makes the compiler believe that `memory` may have changed. Values that are stored once and read
-// back one by one by broadcasting or widening loads cost no shuffle; without this the compiler
-// replaces the loads by shuffles, of which one fits in a cycle.
-template <typename T>
-inline void keepInMemory(T& memory) {
-  __asm__("" : "+m"(memory));
-}
 
 inline float halfAt(const uint8_t* at) {
   uint16_t bits;
@@ -106,134 +91,182 @@ struct Q80Decoder {
   }
 };
 
-// d * sc and dmin * m of the eight sub-blocks of a Q4_K or Q5_K block: 0-7 scales, 8-15 minimums.
-struct SubBlockScales {
-  alignas(32) float value[16];
+// K-quants (model/kernels/k_products.h).
 
-  explicit SubBlockScales(const uint8_t* block) {
-    uint32_t words[3];
-    __builtin_memcpy(words, block + 4, sizeof words);
-    const uint32_t scales = words[0] & 0x3f3f3f3fu;
-    const uint32_t minimums = words[1] & 0x3f3f3f3fu;
-    const uint32_t highScales = (words[2] & 0x0f0f0f0fu) | ((words[0] >> 2) & 0x30303030u);
-    const uint32_t highMinimums = ((words[2] >> 4) & 0x0f0f0f0fu) | ((words[1] >> 2) & 0x30303030u);
-    store(value, scales, highScales, halfAt(block));
-    store(value + 8, minimums, highMinimums, halfAt(block + 2));
-    keepInMemory(value);
+struct Vector {
+  using Float = __m256;
+  static constexpr size_t kWidth = 8;
+  static constexpr size_t kTileTokens = 3;
+
+  static Float zero() { return _mm256_setzero_ps(); }
+  static Float load(const float* at) { return _mm256_loadu_ps(at); }
+  static Float loadAligned(const float* at) { return _mm256_load_ps(at); }
+  static void store(float* at, Float v) { _mm256_store_ps(at, v); }
+  static Float mul(Float a, Float b) { return _mm256_mul_ps(a, b); }
+  static Float fma(Float a, Float b, Float c) { return _mm256_fmadd_ps(a, b, c); }
+  // Keeps a value that several products use in its register: GCC would load it again for each.
+  static void keep(Float& v) { __asm__("" : "+x"(v)); }
+  static float total(Float v) { return qwen35::total(v); }
+};
+
+// Byte b of every lane as a float that is too large by 2^(8b), the highest one as it is.
+inline __m256 byteOfLanes(__m256i lanes, size_t b) {
+  return _mm256_cvtepi32_ps(b == 3 ? _mm256_srli_epi32(lanes, 24)
+                                   : _mm256_and_si256(lanes, _mm256_set1_epi32(0xff << (8 * b))));
+}
+constexpr size_t byteShift(size_t b) { return b == 3 ? 0 : 8 * b; }
+
+// (a & mask) | (b & other)
+inline __m256i join(__m256i a, int mask, __m256i b, int other) {
+  return _mm256_or_si256(_mm256_and_si256(a, _mm256_set1_epi8(static_cast<char>(mask))),
+                         _mm256_and_si256(b, _mm256_set1_epi8(static_cast<char>(other))));
+}
+
+// Scales and minimums of a Q4_K or Q5_K block. Of its four chunks of 32 bytes, chunk c holds
+// sub-blocks 2c and 2c + 1; group 2q + g holds sub-blocks 4q + g and 4q + 2 + g, four lanes each.
+struct SubBlocks {
+  static constexpr size_t kGroups = 4;
+  static constexpr size_t kSums = 8;
+
+  static constexpr size_t kFirstSum = 0;
+  static constexpr float kCentre = -1;
+
+  __m256 scales;
+  __m256 minimums;
+
+  explicit SubBlocks(const uint8_t* block) {
+    const __m128i codes = subBlockCodes(block);
+    const __m128 factors = superScales(block);
+    scales = scaled(codes, _mm256_broadcastss_ps(factors));
+    minimums = scaled(_mm_srli_si128(codes, 8), _mm256_broadcastss_ps(_mm_movehdup_ps(factors)));
   }
+  __m256 scale(size_t group) const {
+    const int first = static_cast<int>(group / 2 * 4 + group % 2);
+    const int last = first + 2;
+    return _mm256_permutevar8x32_ps(
+        scales, _mm256_setr_epi32(first, first, first, first, last, last, last, last));
+  }
+  __m256 offset(size_t) const { return minimums; }
 
-  // The weights that the given codes stand for in sub-block j.
-  __m256 weights(size_t j, __m256i codes) const {
-    return _mm256_fmsub_ps(_mm256_cvtepi32_ps(codes), _mm256_set1_ps(value[j]),
-                           _mm256_set1_ps(value[8 + j]));
+  // Byte b of half v of the chunks of the group, lane 4 * (chunk of the two) + i.
+  static constexpr size_t element(size_t group, size_t v, size_t b, size_t lane) {
+    return 32 * (group / 2 * 4 + lane / 4 * 2 + group % 2) + 16 * v + 4 * (lane % 4) + b;
   }
 
  private:
-  static void store(float* out, uint32_t first, uint32_t last, float factor) {
-    const uint64_t bytes = (uint64_t{last} << 32) | first;
-    const __m256i lanes = _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(static_cast<int64_t>(bytes)));
-    _mm256_store_ps(out, _mm256_mul_ps(_mm256_set1_ps(factor), _mm256_cvtepi32_ps(lanes)));
+  static __m256 scaled(__m128i bytes, __m256 factor) {
+    return _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(bytes)), factor);
   }
 };
 
-struct Q4kDecoder {
-  static constexpr size_t kElements = 256;
+// The nibbles of chunks 2q and 2q + 1: first halves, then second halves.
+struct Nibbles {
+  __m256i half[2][2];
+
+  explicit Nibbles(const uint8_t* at) {
+    for (size_t q = 0; q < 2; ++q) {
+      const __m256i first = load32(at + 64 * q);
+      const __m256i second = load32(at + 64 * q + 32);
+      half[q][0] = _mm256_permute2x128_si256(first, second, 0x20);
+      half[q][1] = _mm256_permute2x128_si256(first, second, 0x31);
+    }
+  }
+};
+
+struct Q4k : SubBlocks {
+  using Vector = qwen35::Vector;
   static constexpr size_t kBytes = 144;
-  static constexpr size_t kChunks = 4;
+  static constexpr size_t kRowsAtOnce = 4;
 
-  const uint8_t* block;
-  SubBlockScales scales{block};
+  Nibbles nibbles;
 
-  template <typename Use>
-  void chunk(size_t c, const Use& use) const {
-    const __m256i nibble = _mm256_set1_epi32(0x0f);
-    const uint8_t* bytes = block + 16 + 32 * c;
-    for (size_t i = 0; i < 4; ++i) {
-      const __m256i codes = _mm256_and_si256(bytesToLanes(bytes + 8 * i), nibble);
-      use(8 * c + i, scales.weights(2 * c, codes));
-    }
-    for (size_t i = 0; i < 4; ++i) {
-      const __m256i codes = _mm256_srli_epi32(bytesToLanes(bytes + 8 * i), 4);
-      use(8 * c + 4 + i, scales.weights(2 * c + 1, codes));
-    }
+  explicit Q4k(const uint8_t* block) : SubBlocks(block), nibbles(block + 16) {}
+
+  static constexpr size_t bit(size_t j) { return 8 * (j % 4) + 4 * (j / 8 % 2); }
+  static constexpr Place place(size_t j, size_t lane) {
+    return {element(j / 8, j % 8 / 4, j % 4, lane), bit(j) == 28 ? 0 : bit(j)};
+  }
+  __m256 codes(size_t j) const {
+    const __m256i lanes = nibbles.half[j / 16][j % 8 / 4];
+    return _mm256_cvtepi32_ps(bit(j) == 28
+                                  ? _mm256_srli_epi32(lanes, 28)
+                                  : _mm256_and_si256(lanes, _mm256_set1_epi32(0x0f << bit(j))));
   }
 };
 
-// 32 bytes on their way from byte arithmetic to lanes.
-struct alignas(32) CodeBytes {
-  uint8_t byte[32];
-
-  explicit CodeBytes(__m256i bytes) {
-    _mm256_store_si256(reinterpret_cast<__m256i*>(byte), bytes);
-    keepInMemory(byte);
-  }
-};
-
-struct Q5kDecoder {
-  static constexpr size_t kElements = 256;
+struct Q5k : SubBlocks {
+  using Vector = qwen35::Vector;
   static constexpr size_t kBytes = 176;
-  static constexpr size_t kChunks = 4;
+  static constexpr size_t kRowsAtOnce = 2;
 
-  const uint8_t* block;
-  SubBlockScales scales{block};
+  Nibbles nibbles;
+  __m256i fifths[2];
 
-  template <typename Use>
-  void chunk(size_t c, const Use& use) const {
-    const __m256i nibbles = load32(block + 48 + 32 * c);
-    // Bits 2c and 2c + 1 of every byte, at bits 4 and 5; what crosses bytes is masked away.
-    const __m256i qh = load32(block + 16);
-    const int shift = 4 - 2 * static_cast<int>(c);
-    const __m256i fifths =
-        shift >= 0 ? _mm256_slli_epi16(qh, shift) : _mm256_srli_epi16(qh, -shift);
-    const CodeBytes low(codes(nibbles, fifths));
-    const CodeBytes high(codes(_mm256_srli_epi16(nibbles, 4), _mm256_srli_epi16(fifths, 1)));
-    for (size_t i = 0; i < 4; ++i) {
-      use(8 * c + i, scales.weights(2 * c, bytesToLanes(low.byte + 8 * i)));
-    }
-    for (size_t i = 0; i < 4; ++i) {
-      use(8 * c + 4 + i, scales.weights(2 * c + 1, bytesToLanes(high.byte + 8 * i)));
-    }
+  explicit Q5k(const uint8_t* block) : SubBlocks(block), nibbles(block + 48) {
+    for (size_t v = 0; v < 2; ++v)
+      fifths[v] = _mm256_broadcastsi128_si256(load16(block + 16 + 16 * v));
   }
+
+  static constexpr Place place(size_t j, size_t lane) {
+    return {element(j / 8, j % 8 / 4, j % 4, lane), byteShift(j % 4)};
+  }
+  __m256 codes(size_t j) const { return byteOfLanes(bytes(j / 8, j % 8 / 4), j % 4); }
 
  private:
-  static __m256i codes(__m256i nibbles, __m256i fifthAtBit4) {
-    return _mm256_or_si256(_mm256_and_si256(nibbles, _mm256_set1_epi8(0x0f)),
-                           _mm256_and_si256(fifthAtBit4, _mm256_set1_epi8(0x10)));
+  // Bit 2c + g of each byte of qh is the fifth bit of sub-block 2c + g; it goes to bit 4.
+  __m256i bytes(size_t group, size_t v) const {
+    const int g = static_cast<int>(group % 2);
+    const __m256i low =
+        g == 0 ? nibbles.half[group / 2][v] : _mm256_srli_epi32(nibbles.half[group / 2][v], 4);
+    const __m256i high = group < 2 ? _mm256_sllv_epi32(fifths[v], halves(4 - g, 2 - g))
+                                   : _mm256_srlv_epi32(fifths[v], halves(g, 2 + g));
+    return join(low, 0x0f, high, 0x10);
+  }
+  static __m256i halves(int low, int high) {
+    return _mm256_setr_epi32(low, low, low, low, high, high, high, high);
   }
 };
 
-struct Q6kDecoder {
-  static constexpr size_t kElements = 256;
+// Group r holds elements 32 r .. 32 r + 31 in order, four to a lane.
+struct Q6k {
+  using Vector = qwen35::Vector;
   static constexpr size_t kBytes = 210;
-  static constexpr size_t kChunks = 8;
+  static constexpr size_t kGroups = 8;
+  static constexpr size_t kSums = 16;
+  static constexpr size_t kFirstSum = 0;
+  static constexpr float kCentre = -32;
+  static constexpr size_t kRowsAtOnce = 4;
 
   const uint8_t* block;
-  alignas(32) float scale[16];
+  __m256 scales[2];
 
-  explicit Q6kDecoder(const uint8_t* at) : block(at) {
+  explicit Q6k(const uint8_t* at) : block(at) {
     const __m256 d = _mm256_set1_ps(halfAt(at + 208));
-    _mm256_store_ps(scale, _mm256_mul_ps(signedCodes(at + 192), d));
-    _mm256_store_ps(scale + 8, _mm256_mul_ps(signedCodes(at + 200), d));
-    keepInMemory(scale);
+    for (size_t i = 0; i < 2; ++i) scales[i] = _mm256_mul_ps(signedCodes(at + 192 + 8 * i), d);
   }
 
-  // 32 elements: quarter `part` of half `h`.
-  template <typename Use>
-  void chunk(size_t c, const Use& use) const {
-    const size_t h = c / 4;
-    const int part = static_cast<int>(c % 4);
-    const __m256i ql = load32(block + 64 * h + 32 * (c % 2));
-    const __m256i nibbles = _mm256_srli_epi16(ql, part < 2 ? 0 : 4);
+  static constexpr Place place(size_t j, size_t lane) {
+    return {32 * (j / 4) + 4 * lane + j % 4, byteShift(j % 4)};
+  }
+  __m256 codes(size_t j) const { return byteOfLanes(bytes(j / 4), j % 4); }
+  __m256 scale(size_t group) const {
+    const int first = static_cast<int>(2 * group % 8);
+    const int last = first + 1;
+    return _mm256_permutevar8x32_ps(
+        scales[group / 4], _mm256_setr_epi32(first, first, first, first, last, last, last, last));
+  }
+  __m256 offset(size_t i) const { return scales[i]; }
+
+ private:
+  // Quarter `part` of half h: bits 2 part and 2 part + 1 of qh go to bits 4 and 5.
+  __m256i bytes(size_t group) const {
+    const size_t h = group / 4;
+    const int part = static_cast<int>(group % 4);
+    const __m256i ql = load32(block + 64 * h + 32 * (group % 2));
     const __m256i qh = load32(block + 128 + 32 * h);
-    const __m256i highAtBit4 =
-        part < 2 ? _mm256_slli_epi16(qh, 4 - 2 * part) : _mm256_srli_epi16(qh, 2 * part - 4);
-    const __m256i code = _mm256_or_si256(_mm256_and_si256(nibbles, _mm256_set1_epi8(0x0f)),
-                                         _mm256_and_si256(highAtBit4, _mm256_set1_epi8(0x30)));
-    const CodeBytes codes(_mm256_sub_epi8(code, _mm256_set1_epi8(32)));
-    for (size_t i = 0; i < 4; ++i) {
-      const __m256 scales = _mm256_set1_ps(scale[2 * c + i / 2]);
-      use(4 * c + i, _mm256_mul_ps(signedCodes(codes.byte + 8 * i), scales));
-    }
+    return join(
+        part < 2 ? ql : _mm256_srli_epi32(ql, 4), 0x0f,
+        part < 2 ? _mm256_slli_epi32(qh, 4 - 2 * part) : _mm256_srli_epi32(qh, 2 * part - 4), 0x30);
   }
 };
 
@@ -580,9 +613,11 @@ const KernelTable kAvx2Kernels = {
     .name = "avx2",
     .requiredFeatures = 0x1,  // compat::kCpuAvx2
     .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
-             gemv<Q4kDecoder>, gemv<Q5kDecoder>, gemv<Q6kDecoder>, nullptr},
+             KProducts<Q4k>::gemv, KProducts<Q5k>::gemv, KProducts<Q6k>::gemv, nullptr},
     .gemm = {gemm<F32Decoder>, nullptr, gemm<Bf16Decoder>, nullptr, gemm<Q80Decoder>,
-             gemm<Q4kDecoder>, gemm<Q5kDecoder>, gemm<Q6kDecoder>, nullptr},
+             KProducts<Q4k>::gemm, KProducts<Q5k>::gemm, KProducts<Q6k>::gemm, nullptr},
+    .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
+                KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

@@ -1,32 +1,16 @@
-// AVX-512 (F, BW, VL, DQ) tier. Weights are exact: each K-quant sub-block becomes a table of the
-// values that its codes stand for, and a permute looks them up.
+// AVX-512 (F, BW, VL, DQ) tier.
 #include <immintrin.h>
 
 #include <cstddef>
 #include <cstdint>
 
+#include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
 
 namespace qwen35 {
 namespace {
 
 constexpr size_t kWidth = 16;  // floats of one register
-
-// Asks for the bytes that the next group of rows will want, in address order: a plain ascending
-// stream, which the hardware's own prefetcher follows, while the rows of a group are read in turns.
-inline void prefetch(const uint8_t* at, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) {
-    _mm_prefetch(reinterpret_cast<const char*>(at + i), _MM_HINT_T1);
-  }
-}
-
-// Makes the compiler believe that `memory` may have changed. Values that are stored once and read
-// back one by one by broadcasting or widening loads cost no shuffle; without this the compiler
-// replaces the loads by shuffles, of which one fits in a cycle.
-template <typename T>
-inline void keepInMemory(T& memory) {
-  __asm__("" : "+m"(memory));
-}
 
 inline float halfAt(const uint8_t* at) {
   uint16_t bits;
@@ -101,166 +85,173 @@ struct Q80Decoder {
   }
 };
 
-// The sixteen bytes of a register's low quarter, one to a lane.
-inline __m512i bytesToLanes(__m128i bytes) { return _mm512_cvtepu8_epi32(bytes); }
+// K-quants (model/kernels/k_products.h).
 
-// d * sc and dmin * m of the eight sub-blocks of a Q4_K or Q5_K block: 0-7 scales, 8-15 minimums.
-struct SubBlockScales {
-  alignas(64) float value[16];
+struct Vector {
+  using Float = __m512;
+  static constexpr size_t kWidth = 16;
+  static constexpr size_t kTileTokens = 6;
 
-  explicit SubBlockScales(const uint8_t* block) {
-    const __m128i head = load16(block);  // d, dmin, then the twelve packed bytes
-    // Lanes 0-3: the low six bits of bytes 0-3 are the scale; lanes 4-7: the low nibble of bytes
-    // 8-11 with bits 6-7 of bytes 0-3 above it; likewise 8-15 with bytes 4-7 and the high nibble.
-    const __m128i lowBytes = _mm_shuffle_epi8(
-        head, _mm_setr_epi8(4, 5, 6, 7, 12, 13, 14, 15, 8, 9, 10, 11, 12, 13, 14, 15));
-    const __m128i highBytes = _mm_shuffle_epi8(
-        head, _mm_setr_epi8(-1, -1, -1, -1, 4, 5, 6, 7, -1, -1, -1, -1, 8, 9, 10, 11));
-    const __m512i shift = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 4, 4, 4, 4);
-    const __m512i lowMask =
-        _mm512_setr_epi32(63, 63, 63, 63, 15, 15, 15, 15, 63, 63, 63, 63, 15, 15, 15, 15);
-    const __m512i low = _mm512_and_si512(_mm512_srlv_epi32(bytesToLanes(lowBytes), shift), lowMask);
-    const __m512i high = _mm512_srli_epi32(bytesToLanes(highBytes), 2);
-    const __m512i codes =
-        _mm512_ternarylogic_epi32(low, high, _mm512_set1_epi32(0x30), 0xf8);  // low | (high & 48)
-    const __m512i which = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
-    const __m512 d = _mm512_permutexvar_ps(which, _mm512_castps128_ps512(_mm_cvtph_ps(head)));
-    _mm512_store_ps(value, _mm512_mul_ps(d, _mm512_cvtepi32_ps(codes)));
-    keepInMemory(value);
-  }
-
-  // The weights that the given codes stand for in sub-block j.
-  __m512 weights(size_t j, __m512 codes) const {
-    return _mm512_fmsub_ps(codes, _mm512_set1_ps(value[j]), _mm512_set1_ps(value[8 + j]));
-  }
+  static Float zero() { return _mm512_setzero_ps(); }
+  static Float load(const float* at) { return _mm512_loadu_ps(at); }
+  static Float loadAligned(const float* at) { return _mm512_load_ps(at); }
+  static void store(float* at, Float v) { _mm512_store_ps(at, v); }
+  static Float mul(Float a, Float b) { return _mm512_mul_ps(a, b); }
+  static Float fma(Float a, Float b, Float c) { return _mm512_fmadd_ps(a, b, c); }
+  // Keeps a value that several products use in its register: GCC would load it again for each.
+  static void keep(Float& v) { __asm__("" : "+v"(v)); }
+  static float total(Float v) { return _mm512_reduce_add_ps(v); }
 };
 
-inline __m512 codesFrom(float first) {
-  const __m512 lanes = _mm512_setr_ps(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
-  return _mm512_add_ps(lanes, _mm512_set1_ps(first));
+// Byte b of every lane as a float that is too large by 2^(8b), the highest one as it is.
+inline __m512 byteOfLanes(__m512i lanes, size_t b) {
+  return _mm512_cvtepi32_ps(b == 3 ? _mm512_srli_epi32(lanes, 24)
+                                   : _mm512_and_si512(lanes, _mm512_set1_epi32(0xff << (8 * b))));
 }
-
-struct Q4kDecoder {
-  static constexpr size_t kElements = 256;
-  static constexpr size_t kBytes = 144;
-  static constexpr size_t kChunks = 4;
-
-  const uint8_t* block;
-  SubBlockScales scales{block};
-
-  template <typename Use>
-  void chunk(size_t c, const Use& use) const {
-    const __m512 low = scales.weights(2 * c, codesFrom(0));
-    const __m512 high = scales.weights(2 * c + 1, codesFrom(0));
-    // A permute reads the low four bits of each lane only, so the nibbles need no mask.
-    const __m512i first = bytesToLanes(load16(block + 16 + 32 * c));
-    const __m512i second = bytesToLanes(load16(block + 32 + 32 * c));
-    use(4 * c, _mm512_permutexvar_ps(first, low));
-    use(4 * c + 1, _mm512_permutexvar_ps(second, low));
-    use(4 * c + 2, _mm512_permutexvar_ps(_mm512_srli_epi32(first, 4), high));
-    use(4 * c + 3, _mm512_permutexvar_ps(_mm512_srli_epi32(second, 4), high));
-  }
-};
-
-// 64 bytes on their way from byte arithmetic to lanes.
-struct alignas(64) CodeBytes {
-  uint8_t byte[64];
-
-  explicit CodeBytes(__m512i bytes) {
-    _mm512_store_si512(byte, bytes);
-    keepInMemory(byte);
-  }
-};
-
-// 32 bytes in both halves.
-inline __m512i twice(const uint8_t* at) { return _mm512_broadcast_i64x4(load32(at)); }
-
-// Shift counts of the 16-bit words of the two halves.
-inline __m512i halves(short low, short high) {
-  return _mm512_inserti64x4(_mm512_set1_epi16(low), _mm256_set1_epi16(high), 1);
-}
+constexpr size_t byteShift(size_t b) { return b == 3 ? 0 : 8 * b; }
 
 // Bits of `a` where `mask` is set, of `b` elsewhere.
 inline __m512i select(__m512i mask, __m512i a, __m512i b) {
   return _mm512_ternarylogic_epi32(mask, a, b, 0xca);
 }
 
-struct Q5kDecoder {
-  static constexpr size_t kElements = 256;
-  static constexpr size_t kBytes = 176;
-  static constexpr size_t kChunks = 4;
+// Scales and minimums of a Q4_K or Q5_K block. Sub-blocks 2c + g, c = 0..3, share the registers of
+// group g, four lanes each.
+struct SubBlocks {
+  static constexpr size_t kGroups = 2;
+  static constexpr size_t kSums = 8;
+  static constexpr size_t kFirstSum = 8;
+  static constexpr float kCentre = -1;
 
-  SubBlockScales scales;
-  CodeBytes codes[4];  // of sub-blocks 0 and 2, 1 and 3, 4 and 6, 5 and 7
+  __m512 scales;  // lanes 0-7; minimums in lanes 8-15
 
-  explicit Q5kDecoder(const uint8_t* block)
-      : Q5kDecoder(block, _mm512_loadu_si512(block + 48), _mm512_loadu_si512(block + 112),
-                   twice(block + 16), _mm512_set1_epi8(0x0f)) {}
-
-  template <typename Use>
-  void chunk(size_t c, const Use& use) const {
-    for (size_t j = 2 * c; j < 2 * c + 2; ++j) {
-      const uint8_t* bytes = codes[j / 4 * 2 + j % 2].byte + j / 2 % 2 * 32;
-      const __m512 table = scales.weights(j, codesFrom(0));
-      const __m512 from16 = scales.weights(j, codesFrom(16));
-      use(2 * j, _mm512_permutex2var_ps(table, bytesToLanes(load16(bytes)), from16));
-      use(2 * j + 1, _mm512_permutex2var_ps(table, bytesToLanes(load16(bytes + 16)), from16));
-    }
+  explicit SubBlocks(const uint8_t* block) {
+    const __m512i which = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
+    const __m512 factors = _mm512_castps128_ps512(superScales(block));
+    scales = _mm512_mul_ps(_mm512_permutexvar_ps(which, factors),
+                           _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(subBlockCodes(block))));
   }
+  __m512 scale(size_t group) const {
+    const __m512i even = _mm512_setr_epi32(0, 0, 0, 0, 2, 2, 2, 2, 4, 4, 4, 4, 6, 6, 6, 6);
+    const __m512i odd = _mm512_setr_epi32(1, 1, 1, 1, 3, 3, 3, 3, 5, 5, 5, 5, 7, 7, 7, 7);
+    return _mm512_permutexvar_ps(group == 0 ? even : odd, scales);
+  }
+  __m512 offset(size_t) const { return scales; }
 
- private:
-  // The fifth bits go to bit 4. What lies above does not matter: a permute of two tables reads five
-  // bits.
-  Q5kDecoder(const uint8_t* block, __m512i qs0, __m512i qs1, __m512i fifths, __m512i nibble)
-      : scales(block),
-        codes{CodeBytes(select(nibble, qs0, _mm512_sllv_epi16(fifths, halves(4, 2)))),
-              CodeBytes(select(nibble, _mm512_srli_epi16(qs0, 4),
-                               _mm512_sllv_epi16(fifths, halves(3, 1)))),
-              CodeBytes(select(nibble, qs1, _mm512_srlv_epi16(fifths, halves(0, 2)))),
-              CodeBytes(select(nibble, _mm512_srli_epi16(qs1, 4),
-                               _mm512_srlv_epi16(fifths, halves(1, 3))))} {}
+  // Byte b of half v (16 bytes of the 32 that sub-blocks 2c and 2c + 1 share), lane 4c + i.
+  static constexpr size_t element(size_t group, size_t v, size_t b, size_t lane) {
+    return 32 * (lane / 4 * 2 + group) + 16 * v + 4 * (lane % 4) + b;
+  }
 };
 
-struct Q6kDecoder {
-  static constexpr size_t kElements = 256;
-  static constexpr size_t kBytes = 210;
-  static constexpr size_t kChunks = 4;
+// The nibbles of the four chunks of 32 bytes: first halves, then second halves.
+struct Nibbles {
+  __m512i half[2];
 
-  alignas(64) float scale[16];
-  CodeBytes codes[4];  // of 64 elements each
+  explicit Nibbles(const uint8_t* at) {
+    const __m512i first = _mm512_loadu_si512(at);
+    const __m512i second = _mm512_loadu_si512(at + 64);
+    half[0] = _mm512_shuffle_i32x4(first, second, 0x88);
+    half[1] = _mm512_shuffle_i32x4(first, second, 0xdd);
+  }
+};
 
-  explicit Q6kDecoder(const uint8_t* block)
-      : Q6kDecoder(block, _mm512_loadu_si512(block), _mm512_loadu_si512(block + 64),
-                   twice(block + 128), twice(block + 160)) {}
+struct Q4k : SubBlocks {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kBytes = 144;
+  static constexpr size_t kRowsAtOnce = 4;
 
-  template <typename Use>
-  void chunk(size_t c, const Use& use) const {
-    for (size_t i = 0; i < 4; ++i) {
-      const __m512i code = _mm512_cvtepi8_epi32(load16(codes[c].byte + 16 * i));
-      use(4 * c + i, _mm512_mul_ps(_mm512_cvtepi32_ps(code), _mm512_set1_ps(scale[4 * c + i])));
+  Nibbles nibbles;
+
+  explicit Q4k(const uint8_t* block) : SubBlocks(block), nibbles(block + 16) {}
+
+  static constexpr size_t bit(size_t j) { return 8 * (j % 4) + 4 * (j / 8); }
+  static constexpr Place place(size_t j, size_t lane) {
+    return {element(j / 8, j % 8 / 4, j % 4, lane), bit(j) == 28 ? 0 : bit(j)};
+  }
+  __m512 codes(size_t j) const {
+    const __m512i lanes = nibbles.half[j % 8 / 4];
+    return _mm512_cvtepi32_ps(bit(j) == 28
+                                  ? _mm512_srli_epi32(lanes, 28)
+                                  : _mm512_and_si512(lanes, _mm512_set1_epi32(0x0f << bit(j))));
+  }
+};
+
+struct Q5k : SubBlocks {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kBytes = 176;
+  static constexpr size_t kRowsAtOnce = 4;
+
+  __m512i bytes[kGroups][2];
+
+  explicit Q5k(const uint8_t* block) : SubBlocks(block) {
+    const Nibbles nibbles(block + 48);
+    for (size_t v = 0; v < 2; ++v) {
+      // Bit 2c + g of each byte is the fifth bit of sub-block 2c + g; it goes to bit 4.
+      const __m512i fifths = _mm512_broadcast_i32x4(load16(block + 16 + 16 * v));
+      const __m512i even = _mm512_setr_epi32(4, 4, 4, 4, 2, 2, 2, 2, 0, 0, 0, 0, 30, 30, 30, 30);
+      const __m512i odd = _mm512_setr_epi32(3, 3, 3, 3, 1, 1, 1, 1, 31, 31, 31, 31, 29, 29, 29, 29);
+      bytes[0][v] = join(nibbles.half[v], _mm512_rolv_epi32(fifths, even));
+      bytes[1][v] = join(_mm512_srli_epi32(nibbles.half[v], 4), _mm512_rolv_epi32(fifths, odd));
     }
   }
 
+  static constexpr Place place(size_t j, size_t lane) {
+    return {element(j / 8, j % 8 / 4, j % 4, lane), byteShift(j % 4)};
+  }
+  __m512 codes(size_t j) const { return byteOfLanes(bytes[j / 8][j % 8 / 4], j % 4); }
+
  private:
-  // Bits 0-1 of qh belong to the first 32 elements of a half, 2-3 to the next; then 4-5 and 6-7.
-  Q6kDecoder(const uint8_t* block, __m512i ql0, __m512i ql1, __m512i qh0, __m512i qh1)
-      : codes{bytes(_mm512_slli_epi16(ql0, 2), _mm512_sllv_epi16(qh0, halves(6, 4))),
-              bytes(_mm512_srli_epi16(ql0, 2), _mm512_sllv_epi16(qh0, halves(2, 0))),
-              bytes(_mm512_slli_epi16(ql1, 2), _mm512_sllv_epi16(qh1, halves(6, 4))),
-              bytes(_mm512_srli_epi16(ql1, 2), _mm512_sllv_epi16(qh1, halves(2, 0)))} {
-    const __m512 quarter = _mm512_set1_ps(0.25f * halfAt(block + 208));
-    const __m512i scales = _mm512_cvtepi8_epi32(load16(block + 192));
-    _mm512_store_ps(scale, _mm512_mul_ps(_mm512_cvtepi32_ps(scales), quarter));
-    keepInMemory(scale);
+  static __m512i join(__m512i nibbles, __m512i fifthAtBit4) {
+    return _mm512_and_si512(select(_mm512_set1_epi8(0x0f), nibbles, fifthAtBit4),
+                            _mm512_set1_epi8(0x1f));
+  }
+};
+
+// Group r holds elements 64 r .. 64 r + 63 in order, four to a lane.
+struct Q6k {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kBytes = 210;
+  static constexpr size_t kGroups = 4;
+  static constexpr size_t kSums = 16;
+  static constexpr size_t kFirstSum = 0;
+  static constexpr float kCentre = -32;
+  static constexpr size_t kRowsAtOnce = 4;
+
+  __m512i bytes[kGroups];
+  __m512 scales;
+
+  explicit Q6k(const uint8_t* block) {
+    for (size_t h = 0; h < 2; ++h) {
+      const __m512i nibbles = _mm512_loadu_si512(block + 64 * h);
+      // Bits 0-1 belong to the first 32 elements of a half, 2-3 to the next; then 4-5 and 6-7.
+      const __m512i high = _mm512_broadcast_i64x4(load32(block + 128 + 32 * h));
+      bytes[2 * h] = join(nibbles, _mm512_rolv_epi32(high, halves(4, 2)));
+      bytes[2 * h + 1] =
+          join(_mm512_srli_epi32(nibbles, 4), _mm512_rolv_epi32(high, halves(0, 30)));
+    }
+    scales = _mm512_mul_ps(_mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(block + 192))),
+                           _mm512_set1_ps(halfAt(block + 208)));
   }
 
-  // Signed bytes 4 * (code - 32): the nibbles moved to bits 2-5, the two high bits to 6-7. The
-  // factor goes into the scale.
-  static CodeBytes bytes(__m512i nibbleAtBit2, __m512i highAtBit6) {
-    const __m512i code = select(_mm512_set1_epi8(0x3c), nibbleAtBit2, highAtBit6);
-    // (code & 0xfc) ^ 0x80
-    return CodeBytes(_mm512_ternarylogic_epi32(code, _mm512_set1_epi8(static_cast<char>(0xfc)),
-                                               _mm512_set1_epi8(static_cast<char>(0x80)), 0x6a));
+  static constexpr Place place(size_t j, size_t lane) {
+    return {64 * (j / 4) + 4 * lane + j % 4, byteShift(j % 4)};
+  }
+  __m512 codes(size_t j) const { return byteOfLanes(bytes[j / 4], j % 4); }
+  __m512 scale(size_t group) const {
+    const __m512i first = _mm512_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3);
+    const __m512i lanes = _mm512_add_epi32(first, _mm512_set1_epi32(static_cast<int>(4 * group)));
+    return _mm512_permutexvar_ps(lanes, scales);
+  }
+  __m512 offset(size_t) const { return scales; }
+
+ private:
+  static __m512i halves(int low, int high) {
+    return _mm512_inserti64x4(_mm512_set1_epi32(low), _mm256_set1_epi32(high), 1);
+  }
+  static __m512i join(__m512i nibbles, __m512i highAtBit4) {
+    return _mm512_and_si512(select(_mm512_set1_epi8(0x0f), nibbles, highAtBit4),
+                            _mm512_set1_epi8(0x3f));
   }
 };
 
@@ -581,9 +572,11 @@ const KernelTable kAvx512Kernels = {
     .name = "avx512",
     .requiredFeatures = 0x3,  // compat::kCpuAvx2 | compat::kCpuAvx512
     .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
-             gemv<Q4kDecoder>, gemv<Q5kDecoder>, gemv<Q6kDecoder>, nullptr},
+             KProducts<Q4k>::gemv, KProducts<Q5k>::gemv, KProducts<Q6k>::gemv, nullptr},
     .gemm = {gemm<F32Decoder>, nullptr, gemm<Bf16Decoder>, nullptr, gemm<Q80Decoder>,
-             gemm<Q4kDecoder>, gemm<Q5kDecoder>, gemm<Q6kDecoder>, nullptr},
+             KProducts<Q4k>::gemm, KProducts<Q5k>::gemm, KProducts<Q6k>::gemm, nullptr},
+    .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
+                KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .dot = dot,
     .silu = silu,
     .sigmoid = sigmoid,

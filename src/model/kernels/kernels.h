@@ -6,9 +6,12 @@
 // Every row of a product is computed by itself, in an order that depends on nothing but its length:
 // on one tier the result of a row has the same bits whatever the split of the rows into calls.
 //
+// A weight of Q4_K or Q5_K is a difference, d * sc * code - dmin * m, that the vector tiers sum
+// part by part: where it cancels, the bound holds for the magnitudes of the parts.
+//
 // Tier files are built with -m flags and include nothing but <cstddef>, <cstdint>, the intrinsics
-// header and this one, so that no inline function compiled with wide instructions can replace the
-// baseline copy of the program.
+// header, this one and k_products.h, so that no inline function compiled with wide instructions can
+// replace the baseline copy of the program.
 #pragma once
 
 #include <cstddef>
@@ -16,14 +19,22 @@
 
 namespace qwen35 {
 
+// Puts the inputs of one token into the form that a type's product kernels read: kArrangedBlock
+// floats for every 256; cols is a multiple of 256. What comes of the first n inputs does not depend
+// on those after them.
+using ArrangeKernel = void (*)(const float* x, size_t cols, float* out);
+
+inline constexpr size_t kArrangedBlock = 256 + 16;
+
 // y[r] += (row r) . x for r < rowCount; row r starts rowBytes * r bytes after `rows`, any
-// alignment. cols is a multiple of the type's block, except in the scalar tier, which takes any.
+// alignment. x is in the arranged form where the table has an arrange kernel for the type, else as
+// it comes. cols is a multiple of the type's block, except in the scalar tier, which takes any.
 using GemvKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                             const float* x, float* y);
 
 // The inputs and results of a product over several tokens.
 struct Batch {
-  const float* x;  // token t at x + t * xStride, cols floats
+  const float* x;  // token t at x + t * xStride, in the form that GemvKernel takes
   size_t xStride;
   float* y;  // token t at y + t * yStride, one float a row; added to
   size_t yStride;
@@ -72,6 +83,7 @@ struct KernelTable {
   // By kiv::QuantType; null for the types that no matrix may have.
   GemvKernel gemv[9];
   GemmKernel gemm[9];
+  ArrangeKernel arrange[9];  // null as well for types whose kernels take inputs as they come
 
   float (*dot)(const float* a, const float* b, size_t n);
 

@@ -1,0 +1,311 @@
+// Products with K-quant weights, shared by the vector tiers. A tier brings one struct for each type
+// that says how a block of 256 weights comes apart; the loops around it are written here once.
+//
+// The codes stay where they lie in the block's bytes: a mask and a conversion turn sixteen (eight)
+// of them into floats, each too large by a power of two that is known beforehand. So the input is
+// brought into the codes' order once for all rows, every element divided by its power of two, which
+// is exact. Elements of sub-blocks that lie in the same lanes form a group:
+//
+//   row . x = sum over blocks of  offsets . sums  +  sum over groups of  scales . (codes . x)
+//
+// where the offsets stand for the minimum (Q4_K, Q5_K) or the centre (Q6_K) of each sub-block, to
+// be multiplied by the sums of its inputs. Every (row, token) pair has one accumulator that takes
+// these terms in order, in products of one token and of a batch alike, so that the bits are the
+// same.
+//
+// Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
+// may be shared with another translation unit.
+//
+//   struct Block {
+//     using Vector = ...;                    // register type and its few operations, see below
+//     static constexpr size_t kBytes;        // of a block in the file
+//     static constexpr size_t kGroups;       // groups of equal numbers of registers
+//     static constexpr size_t kSums;         // sub-blocks: 8 or 16, in element order
+//     static constexpr size_t kFirstSum;     // lane of the first sub-block's offset
+//     static constexpr float kCentre;        // factor of the sums: what offset() leaves out
+//     static constexpr size_t kRowsAtOnce;   // rows that fit the register file
+//     static constexpr Place place(size_t j, size_t lane);  // which input register j multiplies
+//     explicit Block(const uint8_t* bytes);
+//     Float codes(size_t j) const;           // j < kRegisters, group by group
+//     Float scale(size_t group) const;
+//     Float offset(size_t i) const;          // i < kOffsets
+//   };
+#pragma once
+
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "model/kernels/kernels.h"
+
+namespace qwen35 {
+namespace {
+
+// Asks for the bytes that the next group of rows will want, in address order: a plain ascending
+// stream, which the hardware's own prefetcher follows, while the rows of a group are read in turns.
+inline void prefetch(const uint8_t* at, size_t bytes) {
+  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, 2);
+}
+
+// The sixteen 6-bit codes of a Q4_K or Q5_K block: bytes 0-7 scales, 8-15 minimums.
+inline __m128i subBlockCodes(const uint8_t* block) {
+  uint32_t words[3];
+  __builtin_memcpy(words, block + 4, sizeof words);
+  // In general registers: the vector units are the ones that are busy.
+  __asm__("" : "+r"(words[0]), "+r"(words[1]), "+r"(words[2]));
+  const uint32_t highScales = (words[2] & 0x0f0f0f0fu) | ((words[0] >> 2) & 0x30303030u);
+  const uint32_t highMinimums = ((words[2] >> 4) & 0x0f0f0f0fu) | ((words[1] >> 2) & 0x30303030u);
+  uint64_t scales = uint64_t{highScales} << 32 | (words[0] & 0x3f3f3f3fu);
+  uint64_t minimums = uint64_t{highMinimums} << 32 | (words[1] & 0x3f3f3f3fu);
+  __asm__("" : "+r"(scales), "+r"(minimums));
+  return _mm_set_epi64x(static_cast<int64_t>(minimums), static_cast<int64_t>(scales));
+}
+
+// The two halves d and dmin at the start of a Q4_K or Q5_K block, in lanes 0 and 1.
+inline __m128 superScales(const uint8_t* block) {
+  int halves;
+  __builtin_memcpy(&halves, block, sizeof halves);
+  return _mm_cvtph_ps(_mm_cvtsi32_si128(halves));
+}
+
+// The input at `element` of a block, divided by 2^shift.
+struct Place {
+  size_t element;
+  size_t shift;
+};
+
+template <typename Block>
+struct KProducts {
+  using Vector = typename Block::Vector;
+  using Float = typename Vector::Float;
+
+  static constexpr size_t kWidth = Vector::kWidth;
+  static constexpr size_t kElements = 256;
+  static constexpr size_t kRegisters = kElements / kWidth;
+  static constexpr size_t kPerGroup = kRegisters / Block::kGroups;
+  static constexpr size_t kOffsets = (Block::kFirstSum + Block::kSums + kWidth - 1) / kWidth;
+
+  static void arrange(const float* x, size_t cols, float* out) {
+    static constexpr Order kOrder;
+    for (; cols >= kElements; cols -= kElements, x += kElements, out += kArrangedBlock) {
+      for (size_t i = 0; i < kElements; ++i) out[i] = x[kOrder.element[i]] * kOrder.factor[i];
+      constexpr size_t kPart = kElements / Block::kSums;
+      float* sums = out + kElements;
+      for (size_t s = 0; s < kArrangedBlock - kElements; ++s) sums[s] = 0;
+      for (size_t s = 0; s < Block::kSums; ++s) {
+        float sum = 0;
+        for (size_t i = 0; i < kPart; ++i) sum += x[s * kPart + i];
+        sums[Block::kFirstSum + s] = Block::kCentre * sum;
+      }
+    }
+  }
+
+  static void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                   const float* x, float* y) {
+    constexpr size_t kAtOnce = Block::kRowsAtOnce;
+    size_t r = 0;
+    for (; r + kAtOnce <= rowCount; r += kAtOnce) {
+      dotRows<kAtOnce>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    }
+    for (; r < rowCount; ++r) dotRows<1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+  }
+
+  static void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                   const Batch& batch) {
+    size_t r = 0;
+    for (; r + kBatchRows <= rowCount; r += kBatchRows) {
+      multiplyRows(rows + r * rowBytes, rowBytes, cols, batch, batch.y + r);
+    }
+    for (size_t t = 0; t < batch.tokens; ++t) {
+      gemv(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
+           batch.y + t * batch.yStride + r);
+    }
+  }
+
+ private:
+  struct Order {
+    uint8_t element[kElements] = {};
+    float factor[kElements] = {};
+
+    constexpr Order() {
+      for (size_t i = 0; i < kElements; ++i) {
+        const Place place = Block::place(i / kWidth, i % kWidth);
+        element[i] = static_cast<uint8_t>(place.element);
+        factor[i] = 1.0f / static_cast<float>(uint32_t{1} << place.shift);
+      }
+    }
+  };
+
+  // y[r] += row r . x for kRows rows that share every load of x.
+  template <size_t kRows>
+  static void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
+    Float acc[kRows];
+    for (Float& a : acc) a = Vector::zero();
+    const uint8_t* next = rows + kRows * rowBytes;
+    for (; cols >= kElements; cols -= kElements, x += kArrangedBlock, rows += Block::kBytes) {
+      prefetch(next, kRows * Block::kBytes);
+      next += kRows * Block::kBytes;
+      addBlocks<kRows>(rows, rowBytes, x, acc);
+    }
+    for (size_t r = 0; r < kRows; ++r) y[r] += Vector::total(acc[r]);
+  }
+
+  template <size_t kRows>
+  [[gnu::always_inline]] static void addBlocks(const uint8_t* rows, size_t rowBytes, const float* x,
+                                               Float (&acc)[kRows]) {
+    if constexpr (kRows == 1) {
+      const Block blocks[1] = {Block(rows)};
+      addBlocks(blocks, x, acc);
+    } else if constexpr (kRows == 2) {
+      const Block blocks[2] = {Block(rows), Block(rows + rowBytes)};
+      addBlocks(blocks, x, acc);
+    } else {
+      static_assert(kRows == 4);
+      const Block blocks[4] = {Block(rows), Block(rows + rowBytes), Block(rows + 2 * rowBytes),
+                               Block(rows + 3 * rowBytes)};
+      addBlocks(blocks, x, acc);
+    }
+  }
+
+  template <size_t kRows>
+  [[gnu::always_inline]] static void addBlocks(const Block (&blocks)[kRows], const float* x,
+                                               Float (&acc)[kRows]) {
+#pragma GCC unroll 2
+    for (size_t i = 0; i < kOffsets; ++i) {
+      const Float sums = Vector::load(x + kElements + i * kWidth);
+#pragma GCC unroll 4
+      for (size_t r = 0; r < kRows; ++r) acc[r] = Vector::fma(blocks[r].offset(i), sums, acc[r]);
+    }
+#pragma GCC unroll 8
+    for (size_t g = 0; g < Block::kGroups; ++g) {
+      Float sum[kRows];
+#pragma GCC unroll 8
+      for (size_t i = 0; i < kPerGroup; ++i) {
+        const size_t j = g * kPerGroup + i;
+        Float input = Vector::load(x + j * kWidth);
+        Vector::keep(input);
+#pragma GCC unroll 4
+        for (size_t r = 0; r < kRows; ++r) {
+          const Float codes = blocks[r].codes(j);
+          sum[r] = i == 0 ? Vector::mul(codes, input) : Vector::fma(codes, input, sum[r]);
+        }
+      }
+#pragma GCC unroll 4
+      for (size_t r = 0; r < kRows; ++r) acc[r] = Vector::fma(sum[r], blocks[r].scale(g), acc[r]);
+    }
+  }
+
+  // A decoded block: its offsets, then group by group the scale and the codes.
+  static constexpr size_t kGroupFloats = (1 + kPerGroup) * kWidth;
+  static constexpr size_t kDecoded = kOffsets * kWidth + Block::kGroups * kGroupFloats;
+  static_assert(kBatchRows * (kDecoded + kMaxBatch * kWidth) <= kBatchScratch);
+
+  static void decode(const uint8_t* bytes, float* out) {
+    const Block block(bytes);
+#pragma GCC unroll 2
+    for (size_t i = 0; i < kOffsets; ++i, out += kWidth) Vector::store(out, block.offset(i));
+#pragma GCC unroll 8
+    for (size_t g = 0; g < Block::kGroups; ++g) {
+      Vector::store(out, block.scale(g));
+      out += kWidth;
+#pragma GCC unroll 8
+      for (size_t i = 0; i < kPerGroup; ++i, out += kWidth) {
+        Vector::store(out, block.codes(g * kPerGroup + i));
+      }
+    }
+  }
+
+  // Adds one decoded block of kRows rows times kTokens inputs to sums [token][row of the batch].
+  template <size_t kRows, size_t kTokens>
+  static void multiplyTile(const float* decoded, const float* x, size_t xStride, float* sums) {
+    Float acc[kTokens][kRows];
+#pragma GCC unroll 8
+    for (size_t t = 0; t < kTokens; ++t) {
+#pragma GCC unroll 2
+      for (size_t r = 0; r < kRows; ++r) {
+        acc[t][r] = Vector::loadAligned(sums + (t * kBatchRows + r) * kWidth);
+#pragma GCC unroll 2
+        for (size_t i = 0; i < kOffsets; ++i) {
+          acc[t][r] =
+              Vector::fma(Vector::loadAligned(decoded + r * kDecoded + i * kWidth),
+                          Vector::load(x + t * xStride + kElements + i * kWidth), acc[t][r]);
+        }
+      }
+    }
+    decoded += kOffsets * kWidth;
+    for (size_t g = 0; g < Block::kGroups; ++g, decoded += kGroupFloats) {
+      Float sum[kTokens][kRows];
+#pragma GCC unroll 8
+      for (size_t i = 0; i < kPerGroup; ++i, x += kWidth) {
+        Float codes[kRows];
+#pragma GCC unroll 2
+        for (size_t r = 0; r < kRows; ++r) {
+          codes[r] = Vector::loadAligned(decoded + r * kDecoded + (1 + i) * kWidth);
+        }
+#pragma GCC unroll 8
+        for (size_t t = 0; t < kTokens; ++t) {
+          Float input = Vector::load(x + t * xStride);
+          Vector::keep(input);
+#pragma GCC unroll 2
+          for (size_t r = 0; r < kRows; ++r) {
+            sum[t][r] =
+                i == 0 ? Vector::mul(codes[r], input) : Vector::fma(codes[r], input, sum[t][r]);
+          }
+        }
+      }
+#pragma GCC unroll 2
+      for (size_t r = 0; r < kRows; ++r) {
+        const Float scale = Vector::loadAligned(decoded + r * kDecoded);
+#pragma GCC unroll 8
+        for (size_t t = 0; t < kTokens; ++t) {
+          acc[t][r] = Vector::fma(sum[t][r], scale, acc[t][r]);
+        }
+      }
+    }
+#pragma GCC unroll 8
+    for (size_t t = 0; t < kTokens; ++t) {
+#pragma GCC unroll 2
+      for (size_t r = 0; r < kRows; ++r) {
+        Vector::store(sums + (t * kBatchRows + r) * kWidth, acc[t][r]);
+      }
+    }
+  }
+
+  template <size_t kTokens>
+  static void multiplyTokens(const float* decoded, const float* x, size_t xStride, float* sums) {
+    constexpr size_t kRows = 2;
+    for (size_t r = 0; r < kBatchRows; r += kRows) {
+      multiplyTile<kRows, kTokens>(decoded + r * kDecoded, x, xStride, sums + r * kWidth);
+    }
+  }
+
+  // kBatchRows rows times all tokens.
+  static void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t cols, const Batch& batch,
+                           float* y) {
+    constexpr size_t kTokens = Vector::kTileTokens;
+    constexpr size_t kSums = kBatchRows * kWidth;  // of one token
+    float* decoded = batch.scratch;
+    float* sums = decoded + kBatchRows * kDecoded;
+    __builtin_memset(sums, 0, batch.tokens * kSums * sizeof(float));
+    const float* x = batch.x;
+    for (; cols >= kElements; cols -= kElements, x += kArrangedBlock, rows += Block::kBytes) {
+      for (size_t r = 0; r < kBatchRows; ++r) decode(rows + r * rowBytes, decoded + r * kDecoded);
+      size_t t = 0;
+      for (; t + kTokens <= batch.tokens; t += kTokens) {
+        multiplyTokens<kTokens>(decoded, x + t * batch.xStride, batch.xStride, sums + t * kSums);
+      }
+      for (; t < batch.tokens; ++t) {
+        multiplyTokens<1>(decoded, x + t * batch.xStride, batch.xStride, sums + t * kSums);
+      }
+    }
+    for (size_t t = 0; t < batch.tokens; ++t) {
+      for (size_t r = 0; r < kBatchRows; ++r, sums += kWidth) {
+        y[t * batch.yStride + r] += Vector::total(Vector::loadAligned(sums));
+      }
+    }
+  }
+};
+
+}  // namespace
+}  // namespace qwen35
