@@ -15,7 +15,8 @@ void feedForward(Model& model, Layer& layer, const float* x, float* out, size_t 
   Product products[] = {{layer.ffnGate, x, hidden, w.ffnGate.data(), w.ffnGate.width(), tokens},
                         {layer.ffnUp, x, hidden, w.ffnUp.data(), w.ffnUp.width(), tokens}};
   prepare(model, products);
-  const auto& [gate, up] = products;
+  const Product& gate = products[0];
+  const Product& up = products[1];
   // A piece computes the same rows of both and their product while they are at hand.
   const size_t step = rowsPerPiece(gate.rowBytes + up.rowBytes);
   model.team.forEach((n + step - 1) / step, [&](size_t piece, size_t thread) {

@@ -30,8 +30,6 @@ inline __m256i load32(const uint8_t* at) {
   return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
 }
 
-inline __m256i bytesToLanes(const uint8_t* at) { return _mm256_cvtepu8_epi32(load8(at)); }
-
 // Sum of the lanes, in a fixed order.
 inline float total(__m256 v) {
   __m128 s = _mm_add_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
