@@ -152,6 +152,18 @@ void ORB2Writer::setMeta(std::string_view key, float value) {
   appendMeta(key, MetaType::F32, &value, sizeof value);
 }
 
+void ORB2Writer::setMeta(std::string_view key, int32_t value) {
+  appendMeta(key, MetaType::I32, &value, sizeof value);
+}
+
+void ORB2Writer::setMeta(std::string_view key, const std::vector<uint32_t>& values) {
+  std::string body;
+  const auto count = static_cast<uint32_t>(values.size());
+  appendBytes(body, &count, sizeof count);
+  appendBytes(body, values.data(), values.size() * sizeof(uint32_t));
+  appendMeta(key, MetaType::U32Array, body.data(), body.size());
+}
+
 void ORB2Writer::appendMeta(std::string_view key, MetaType type, const void* value, size_t size) {
   if (key.size() > std::numeric_limits<uint16_t>::max() ||
       !contents_.metaKeys.emplace(key).second) {

@@ -62,6 +62,8 @@ class ORB2Writer {
   void setMeta(std::string_view key, uint32_t value);
   void setMeta(std::string_view key, uint64_t value);
   void setMeta(std::string_view key, float value);
+  void setMeta(std::string_view key, int32_t value);
+  void setMeta(std::string_view key, const std::vector<uint32_t>& values);
   void setTokenizer(const TokenizerData& data);
   void setText(std::string_view text);
 

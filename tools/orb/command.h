@@ -8,6 +8,7 @@ namespace orb {
 
 void addBenchCommand(CLI::App& app, int& exitCode);
 void addChatCommand(CLI::App& app, int& exitCode);
+void addConvertCommand(CLI::App& app, int& exitCode);
 void addInfoCommand(CLI::App& app, int& exitCode);
 void addProbeCommand(CLI::App& app, int& exitCode);
 void addRunCommand(CLI::App& app, int& exitCode);

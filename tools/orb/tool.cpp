@@ -37,6 +37,7 @@ int runTool(int argc, char** argv) {
   addBenchCommand(app, exitCode);
   addInfoCommand(app, exitCode);
   addProbeCommand(app, exitCode);
+  addConvertCommand(app, exitCode);
   addSynthCommand(app, exitCode);
   try {
     app.parse(argc, argv);
