@@ -35,7 +35,7 @@ class Planner {
   Status run(std::vector<PlannedTensor>& plan) {
     for (const MappedTensor& mapped : model_.mapped) {
       PlannedTensor tensor = describe(mapped);
-      const Status status = mapped.rule->vector ? planVector(tensor) : planMatrix(tensor);
+      Status status = mapped.rule->vector ? planVector(tensor) : planMatrix(tensor);
       if (!status.ok()) return status;
       plan.push_back(std::move(tensor));
     }
@@ -87,8 +87,7 @@ class Planner {
     tensor.type = targetOf(tensor, source);
     tensor.lossy = !holdsAll(tensor.type, source);
     if (tensor.lossy && choice_.strict && !choice_.type && source.handling != Handling::Float) {
-      return Status::invalidFormat(tensor.source->file->path() + ": tensor " +
-                                   tensor.source->name +
+      return Status::invalidFormat(tensor.source->file->path() + ": tensor " + tensor.source->name +
                                    ": expected a type that converts without loss, found " +
                                    source.name + "; without --strict it becomes " +
                                    kiv::quantTypeName(tensor.type));

@@ -17,8 +17,7 @@ std::string fileNameOf(const std::string& path) {
   return utf8FromPath(whole.has_filename() ? whole.filename() : whole.parent_path().filename());
 }
 
-void writeMetadata(ORB2Writer& writer, const SourceModel& model,
-                   const ConversionOptions& options) {
+void writeMetadata(ORB2Writer& writer, const SourceModel& model, const ConversionOptions& options) {
   const ModelShape& shape = model.shape;
   writer.setMeta("general.architecture", "qwen35");
   if (!model.name.empty()) writer.setMeta("general.name", model.name);

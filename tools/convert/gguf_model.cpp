@@ -89,13 +89,11 @@ Status readShape(const GgufReader& reader, const std::string& path, ModelShape& 
     uint64_t& value;
   };
   uint64_t inner = 0;
-  for (const Field& field : {Field{"block_count", shape.blocks},
-                             Field{"embedding_length", shape.hidden},
-                             Field{"feed_forward_length", shape.ffn},
-                             Field{"attention.head_count", shape.queryHeads},
-                             Field{"attention.head_count_kv", shape.keyValueHeads},
-                             Field{"ssm.time_step_rank", shape.valueHeads},
-                             Field{"ssm.inner_size", inner}}) {
+  for (const Field& field :
+       {Field{"block_count", shape.blocks}, Field{"embedding_length", shape.hidden},
+        Field{"feed_forward_length", shape.ffn}, Field{"attention.head_count", shape.queryHeads},
+        Field{"attention.head_count_kv", shape.keyValueHeads},
+        Field{"ssm.time_step_rank", shape.valueHeads}, Field{"ssm.inner_size", inner}}) {
     if (Status status = readSize(reader, path, field.key, field.value); !status.ok()) {
       return status;
     }

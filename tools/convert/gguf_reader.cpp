@@ -21,7 +21,19 @@ constexpr int kMaxNesting = 4;
 constexpr int64_t kMaxAlignment = 65536;
 
 enum ValueType : uint32_t {
-  kU8, kI8, kU16, kI16, kU32, kI32, kF32, kBool, kString, kArray, kU64, kI64, kF64,  // NOLINT
+  kU8,
+  kI8,
+  kU16,
+  kI16,
+  kU32,
+  kI32,
+  kF32,
+  kBool,
+  kString,
+  kArray,
+  kU64,
+  kI64,
+  kF64,  // NOLINT
   kValueTypes
 };
 
@@ -67,9 +79,9 @@ class GgufReader::Cursor {
   uint64_t left() const { return end_ - position_; }
   // Why a read failed: the file ends, or its head is beyond what any model has.
   std::string reason() const {
-    return end_ < file_.size() ? "more than " + std::to_string(kMaxHeadBytes) +
-                                     " bytes, or lengths that say so"
-                               : "that the file ends before, or lengths that say so";
+    return end_ < file_.size()
+               ? "more than " + std::to_string(kMaxHeadBytes) + " bytes, or lengths that say so"
+               : "that the file ends before, or lengths that say so";
   }
 
  private:
@@ -203,8 +215,7 @@ Status GgufReader::open(const std::string& path) {
   const auto version = cursor.number<uint32_t>();
   if (version != 2 && version != 3) {
     const bool swapped = version == 0x02000000 || version == 0x03000000;
-    return refuse("version", "2 or 3",
-                  swapped ? "a big-endian file" : std::to_string(version));
+    return refuse("version", "2 or 3", swapped ? "a big-endian file" : std::to_string(version));
   }
   const auto tensorCount = cursor.number<uint64_t>();
   const auto keyCount = cursor.number<uint64_t>();
@@ -213,8 +224,7 @@ Status GgufReader::open(const std::string& path) {
     return refuse("keys", "at most " + std::to_string(kMaxKeys), std::to_string(keyCount));
   }
   if (tensorCount > kMaxTensors) {
-    return refuse("tensors", "at most " + std::to_string(kMaxTensors),
-                  std::to_string(tensorCount));
+    return refuse("tensors", "at most " + std::to_string(kMaxTensors), std::to_string(tensorCount));
   }
   if (Status status = readKeys(cursor, keyCount); !status.ok()) return status;
   if (Status status = readTensors(cursor, tensorCount); !status.ok()) return status;

@@ -32,8 +32,8 @@ Status InputFile::open(const std::string& path) {
 
 Status InputFile::read(uint64_t offset, void* out, uint64_t size) {
   if (offset > size_ || size > size_ - offset) {
-    return Status::invalidFormat(path_ + ": the file ends before byte " +
-                                 std::to_string(offset) + " + " + std::to_string(size));
+    return Status::invalidFormat(path_ + ": the file ends before byte " + std::to_string(offset) +
+                                 " + " + std::to_string(size));
   }
   // A seek would discard what the stream has buffered.
   if (offset != position_) stream_.seekg(static_cast<std::streamoff>(offset));

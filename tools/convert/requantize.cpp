@@ -155,8 +155,8 @@ Status requantizeModel(const std::string& source, const std::string& path,
   writer.setTokenizer(loader.tokenizer);
   writer.setText(loader.text);
   writer.setHeaderWords(loader.headerWordA, loader.headerWordB, loader.headerWordC);
-  if (Status status = writeTensors(writer, plan, options.threads, /*measureErrors=*/true, progress,
-                                   report);
+  if (Status status =
+          writeTensors(writer, plan, options.threads, /*measureErrors=*/true, progress, report);
       !status.ok()) {
     return status;
   }

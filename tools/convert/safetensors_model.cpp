@@ -40,9 +40,9 @@ class Config {
   Status refuse(const std::string& key, const std::string& expected, const Json* found) const {
     return Status::invalidFormat(
         path_ + ": " + key + ": expected " + expected + ", found " +
-        (found == nullptr ? "none"
-                          : found->dump(-1, ' ', true, Json::error_handler_t::replace)
-                                .substr(0, 100)));
+        (found == nullptr
+             ? "none"
+             : found->dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 100)));
   }
 
   Status size(const char* key, uint64_t& out) const {
@@ -95,9 +95,14 @@ Status checkConstants(const Config& config) {
     double value;
   };
   constexpr Constant kConstants[] = {
-      {"head_dim", 256},           {"linear_key_head_dim", 128}, {"linear_value_head_dim", 128},
-      {"linear_num_key_heads", 16}, {"linear_conv_kernel_dim", 4}, {"rms_norm_eps", 1e-6},
-      {"rope_theta", 1e7},         {"partial_rotary_factor", 0.25},
+      {"head_dim", 256},
+      {"linear_key_head_dim", 128},
+      {"linear_value_head_dim", 128},
+      {"linear_num_key_heads", 16},
+      {"linear_conv_kernel_dim", 4},
+      {"rms_norm_eps", 1e-6},
+      {"rope_theta", 1e7},
+      {"partial_rotary_factor", 0.25},
   };
   for (const auto& [key, value] : kConstants) {
     const Json* found = findRope(config, key);
@@ -115,13 +120,11 @@ Status readShape(const Config& config, const std::string& folder, ModelShape& sh
     const char* key;
     uint64_t& value;
   };
-  for (const Field& field : {Field{"num_hidden_layers", shape.blocks},
-                             Field{"hidden_size", shape.hidden},
-                             Field{"intermediate_size", shape.ffn},
-                             Field{"num_attention_heads", shape.queryHeads},
-                             Field{"num_key_value_heads", shape.keyValueHeads},
-                             Field{"linear_num_value_heads", shape.valueHeads},
-                             Field{"vocab_size", shape.vocabulary}}) {
+  for (const Field& field :
+       {Field{"num_hidden_layers", shape.blocks}, Field{"hidden_size", shape.hidden},
+        Field{"intermediate_size", shape.ffn}, Field{"num_attention_heads", shape.queryHeads},
+        Field{"num_key_value_heads", shape.keyValueHeads},
+        Field{"linear_num_value_heads", shape.valueHeads}, Field{"vocab_size", shape.vocabulary}}) {
     if (Status status = config.size(field.key, field.value); !status.ok()) return status;
   }
   const Json* context = config.find("max_position_embeddings");
@@ -165,7 +168,7 @@ std::string nameOf(const Config& config, const std::string& folder) {
 
 // Multimodal models keep the text model one level deeper.
 std::string findPrefix(const std::vector<SourceTensor>& tensors) {
-  const std::string deeper = "model.language_model.";
+  std::string deeper = "model.language_model.";
   for (const SourceTensor& tensor : tensors) {
     if (tensor.name.compare(0, deeper.size(), deeper) == 0) return deeper;
   }
@@ -188,8 +191,7 @@ Status readSafetensorsModel(const std::string& folder, SourceModel& out) {
 
   const std::string tokenizerPath = folder + "/tokenizer.json";
   Json tokenizer;
-  if (Status status = readGuardedJson(tokenizerPath, kMaxTokenizerBytes, tokenizer);
-      !status.ok()) {
+  if (Status status = readGuardedJson(tokenizerPath, kMaxTokenizerBytes, tokenizer); !status.ok()) {
     return status;
   }
   if (Status status =

@@ -66,8 +66,7 @@ class Header {
     tensor.bytes = sourceBytes(tensor.type, tensor.dims);
     if (tensor.type == kForeignType) return Status::success();
     if (tensor.bytes == 0 || tensor.bytes != range[1] - range[0]) {
-      return refuse(name, "as many bytes as its shape takes",
-                    std::to_string(range[1] - range[0]));
+      return refuse(name, "as many bytes as its shape takes", std::to_string(range[1] - range[0]));
     }
     return Status::success();
   }
@@ -133,8 +132,8 @@ Status readSafetensors(const std::string& path, std::vector<SourceTensor>& out) 
   if (Status status = file->read(0, &headerBytes, sizeof headerBytes); !status.ok()) return status;
   if (headerBytes > kMaxHeaderBytes || headerBytes > file->size() - sizeof headerBytes) {
     return Status::invalidFormat(path + ": expected a header of at most " +
-                                 std::to_string(kMaxHeaderBytes) + " bytes inside the file, found " +
-                                 std::to_string(headerBytes));
+                                 std::to_string(kMaxHeaderBytes) +
+                                 " bytes inside the file, found " + std::to_string(headerBytes));
   }
   std::string text(headerBytes, '\0');
   if (Status status = file->read(sizeof headerBytes, text.data(), text.size()); !status.ok()) {

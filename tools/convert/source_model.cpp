@@ -81,9 +81,9 @@ class Mapper {
     }
     const SourceTypeInfo* type = findSourceType(tensor->type);
     if (type == nullptr || tensor->bytes == 0) {
-      return refuse(*tensor, "a type that can be converted",
-                    model_.original ? "another than F32, F16 and BF16"
-                                    : sourceTypeName(tensor->type));
+      return refuse(
+          *tensor, "a type that can be converted",
+          model_.original ? "another than F32, F16 and BF16" : sourceTypeName(tensor->type));
     }
     if (rule.vector && type->blockElements != 1) {
       return refuse(*tensor, "type F32, F16 or BF16", type->name);

@@ -22,7 +22,7 @@ struct MappedTensor {
 struct SourceModel {
   std::string format;  // "GGUF" or "safetensors"
   std::string path;
-  std::string name;  // of the model; may be empty
+  std::string name;       // of the model; may be empty
   bool original = false;  // values and value heads as in training: the rules' changes apply
   ModelShape shape;
   std::vector<SourceTensor> tensors;
@@ -30,7 +30,7 @@ struct SourceModel {
   TokenizerSource tokenizer;
   std::string chatTemplate;
 
-  uint64_t sourceBytes() const;             // of all files together
+  uint64_t sourceBytes() const;            // of all files together
   std::vector<std::string> files() const;  // that are read
   size_t unusedTensors() const { return tensors.size() - mapped.size(); }
 };

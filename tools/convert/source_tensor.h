@@ -12,9 +12,9 @@
 namespace orb {
 
 struct SourceTensor {
-  std::string name;           // as the checkpoint calls it
-  uint32_t type = 0;          // a SourceType, or the number of one that cannot be read
-  std::vector<uint64_t> dims; // dims[0] is the row length; none is 0
+  std::string name;            // as the checkpoint calls it
+  uint32_t type = 0;           // a SourceType, or the number of one that cannot be read
+  std::vector<uint64_t> dims;  // dims[0] is the row length; none is 0
   std::shared_ptr<InputFile> file;
   uint64_t offset = 0;  // in the file
   uint64_t bytes = 0;   // 0 when the type cannot be read; else inside the file, whole blocks

@@ -57,7 +57,7 @@ Codes32 codesQ50(const uint8_t* block) {
 
 Codes32 lookUp(const uint8_t* nibbles) {
   Codes32 codes = splitNibbles(nibbles);
-  for (int8_t& code : codes) code = kNonlinear[static_cast<size_t>(code)];
+  for (int8_t& code : codes) code = kNonlinear[static_cast<uint8_t>(code)];
   return codes;
 }
 
@@ -209,12 +209,12 @@ constexpr SourceTypeInfo kTypes[] = {
     {SourceType::F32, "F32", 1, 4, kCopy, QuantType::F32, true, decodeF32, nullptr},
     {SourceType::F16, "F16", 1, 2, kFloat, QuantType::F32, true, decodeF16, nullptr},
     {SourceType::BF16, "BF16", 1, 2, kCopy, QuantType::BF16, true, decodeBf16, nullptr},
-    {SourceType::Q4_0, "Q4_0", 32, 18, kReencode, QuantType::Q8_0, true,
-     decodeSigned<codesQ40, 18>, reencodeSigned<codesQ40, 18>},
-    {SourceType::Q4_1, "Q4_1", 32, 20, kRequantize, QuantType::Q5_K, false, decodeOffset<false>,
+    {SourceType::Q4_0, "Q4_0", 32, 18, kReencode, QuantType::Q8_0, true, decodeSigned<codesQ40, 18>,
+     reencodeSigned<codesQ40, 18>},
+    {SourceType::Q4_1, "Q4_1", 32, 20, kRequantize, QuantType::Q6_K, false, decodeOffset<false>,
      nullptr},
-    {SourceType::Q5_0, "Q5_0", 32, 22, kReencode, QuantType::Q8_0, true,
-     decodeSigned<codesQ50, 22>, reencodeSigned<codesQ50, 22>},
+    {SourceType::Q5_0, "Q5_0", 32, 22, kReencode, QuantType::Q8_0, true, decodeSigned<codesQ50, 22>,
+     reencodeSigned<codesQ50, 22>},
     {SourceType::Q5_1, "Q5_1", 32, 24, kRequantize, QuantType::Q6_K, false, decodeOffset<true>,
      nullptr},
     {SourceType::Q8_0, "Q8_0", 32, 34, kCopy, QuantType::Q8_0, true,
@@ -235,7 +235,7 @@ constexpr SourceTypeInfo kTypes[] = {
 
 // Types that are known by name only.
 constexpr std::pair<uint32_t, const char*> kOtherNames[] = {
-    {9, "Q8_1"},    {15, "Q8_K"},  {16, "IQ2_XXS"}, {17, "IQ2_XS"},
+    {9, "Q8_1"},     {15, "Q8_K"},  {16, "IQ2_XXS"}, {17, "IQ2_XS"},
     {18, "IQ3_XXS"}, {19, "IQ1_S"}, {21, "IQ3_S"},   {22, "IQ2_S"},
 };
 

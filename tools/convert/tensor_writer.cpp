@@ -273,7 +273,7 @@ Status TensorWriter::readRows(const PlannedTensor& tensor, uint64_t first, uint6
     const uint64_t from = sourceRow(tensor, row);
     uint64_t end = row + 1;
     while (end < last && sourceRow(tensor, end) == from + (end - row)) ++end;
-    const Status status =
+    Status status =
         tensor.source->file->read(tensor.source->offset + from * rowBytes,
                                   raw_.data() + (row - first) * rowBytes, (end - row) * rowBytes);
     if (!status.ok()) return status;

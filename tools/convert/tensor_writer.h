@@ -17,7 +17,7 @@ using ConversionProgress = std::function<bool(uint64_t doneBytes, uint64_t total
 // What was seen of the values on their way.
 struct TensorFindings {
   uint64_t notFinite = 0;
-  float largest = 0;  // magnitude; of values of block types that are copied: an upper bound
+  float largest = 0;         // magnitude; of values of block types that are copied: an upper bound
   double squaredValues = 0;  // of the source; both only when errors are measured
   double squaredErrors = 0;  // of the result against it
 };

@@ -163,8 +163,7 @@ std::array<int, 324> makeByteAlphabet() {
   bytes.fill(-1);
   size_t next = 256;
   for (int byte = 0; byte < 256; ++byte) {
-    const bool itself =
-        (byte >= 33 && byte <= 126) || (byte >= 161 && byte <= 172) || byte >= 174;
+    const bool itself = (byte >= 33 && byte <= 126) || (byte >= 161 && byte <= 172) || byte >= 174;
     bytes[itself ? static_cast<size_t>(byte) : next++] = byte;
   }
   return bytes;

@@ -144,7 +144,7 @@ Status readJsonTokenizer(const std::string& subject, const Json& document, uint6
   for (const Json& token : added.is_array() ? added : Json::array()) {
     const Json& text = member(token, "content");
     if (!text.is_string()) return refuse(subject, "added tokens with content", "one without");
-    const Status status =
+    Status status =
         tokens.add(text.get_ref<const std::string&>(), member(token, "id"), /*added=*/true);
     if (!status.ok()) return status;
   }

@@ -17,7 +17,7 @@ namespace {
 struct ConvertOptions {
   std::string input;
   std::string output;
-  std::string type;           // empty: as close to the source as can be
+  std::string type;  // empty: as close to the source as can be
   std::string halves = "f32";
   bool strict = false;
   bool force = false;
@@ -102,7 +102,8 @@ void addConvertCommand(CLI::App& app, int& exitCode) {
                    "Type of the matrices [GGUF: as they are; safetensors: q4_k]")
       ->check(CLI::IsMember(matrixTypes()))
       ->type_name("TYPE");
-  command->add_option("--f16", options->halves, "What F16 becomes without --type: f32 or bf16 [f32]")
+  command
+      ->add_option("--f16", options->halves, "What F16 becomes without --type: f32 or bf16 [f32]")
       ->check(CLI::IsMember({"f32", "bf16"}))
       ->type_name("TYPE");
   command->add_flag("--strict", options->strict,

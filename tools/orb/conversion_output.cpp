@@ -80,7 +80,7 @@ int checkResult(const std::string& path, double seconds) {
   kiv::ORBLoader loader;
   if (!fileSize(path, report.fileBytes)) return fail(path, "the file is not there");
   const bool large = report.fileBytes >= kLargeFileBytes;
-  const Status status = loader.open(path.c_str(), large);
+  Status status = loader.open(path.c_str(), large);
   if (!status.ok()) return fail(path, "written, but does not open: " + status.message);
   collectInfo(loader, report);
   checkModel(loader, report);
@@ -90,7 +90,8 @@ int checkResult(const std::string& path, double seconds) {
                           finding.expected + ", found " + finding.found);
   }
   if (large) {
-    std::printf("size       2 GiB or more: other hosts than orb open it with QWEN35_LARGE_FILES=1\n");
+    std::printf(
+        "size       2 GiB or more: other hosts than orb open it with QWEN35_LARGE_FILES=1\n");
   }
   std::printf("%s: %s in %s, checked; talk to it: orb chat %s\n", printable(path).c_str(),
               formatBytes(report.fileBytes).c_str(), formatDuration(seconds).c_str(),
