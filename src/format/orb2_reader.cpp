@@ -77,12 +77,13 @@ Status ORB2Reader::checkTable() {
   if (header_.sectionCount > orb2::kMaxSections) {
     return Status::invalidFormat("ORB2: too many sections");
   }
-  sections_ = reinterpret_cast<const SectionEntry*>(base_ + sizeof header_);
+  std::memcpy(table_.data(), base_ + sizeof header_, tableBytes);
+  sections_ = table_.data();
 
   constexpr size_t kCovered = offsetof(orb2::FileHeader, crc);
   uint8_t covered[kCovered + orb2::kMaxSections * sizeof(SectionEntry)];
   std::memcpy(covered, &header_, kCovered);
-  std::memcpy(covered + kCovered, sections_, tableBytes);
+  std::memcpy(covered + kCovered, table_.data(), tableBytes);
   if (orb2::crc64(covered, kCovered + tableBytes) != header_.crc) {
     return Status::invalidFormat("ORB2: CRC mismatch");
   }
@@ -128,6 +129,12 @@ const uint8_t* ORB2Reader::sectionData(SectionType type) const {
 uint64_t ORB2Reader::sectionSize(SectionType type) const {
   const SectionEntry* entry = section(type);
   return entry != nullptr ? entry->size : 0;
+}
+
+bool ORB2Reader::holdsMapping() const {
+  int64_t size = 0;
+  return base_ != nullptr && platform::fileSize(fd_, size) && size >= 0 &&
+         static_cast<uint64_t>(size) >= length_;
 }
 
 bool ORB2Reader::aligned64() const {

@@ -16,6 +16,7 @@
 //   a string is a u32 length and its bytes.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -110,8 +111,9 @@ struct TensorEntryView {
 };
 
 // Threads: one thread opens and closes; between the two, const members may be called from any.
-// Everything that points into the file becomes invalid at close(). Nobody may shorten the file in
-// between: the operating system answers a read behind its end with a signal.
+// Everything that points into the file becomes invalid at close(). Header and section table are
+// copied before they are checked, so a file that somebody rewrites meanwhile moves no bound. Nobody
+// may shorten it: the operating system answers a read behind its end with a signal.
 class ORB_API ORB2Reader {
  public:
   // Owned copy of one metadata entry; only the field that belongs to `type` is filled.
@@ -177,6 +179,8 @@ class ORB_API ORB2Reader {
 
   const orb2::FileHeader& header() const { return header_; }
   const std::vector<orb2::QuantInfoRecord>& quantInfo() const { return quantInfo_; }
+  // False on a closed reader and when the file has become shorter than what is mapped.
+  bool holdsMapping() const;
   const uint8_t* mapping() const { return base_; }
   uint64_t mappingSize() const { return length_; }
   bool opened() const { return opened_; }
@@ -189,7 +193,8 @@ class ORB_API ORB2Reader {
   const MetaEntryView* findMeta(const char* key, orb2::MetaType type) const;
 
   orb2::FileHeader header_{};
-  const orb2::SectionEntry* sections_ = nullptr;
+  std::array<orb2::SectionEntry, orb2::kMaxSections> table_{};
+  const orb2::SectionEntry* sections_ = nullptr;  // the table once it is read
   const uint8_t* base_ = nullptr;
   uint64_t length_ = 0;
   int32_t fd_ = -1;

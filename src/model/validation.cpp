@@ -44,7 +44,7 @@ class TensorCheck {
     if (elements < minElements) {
       add("at least " + count(minElements, "element"), count(elements, "element"));
     } else if (reinterpret_cast<uintptr_t>(view_->data) % alignof(float) != 0) {
-      add("data at a multiple of 4 bytes", "offset " + std::to_string(entry()->offset));
+      add("data at a multiple of 4 bytes", "offset " + std::to_string(offset()));
     }
   }
 
@@ -72,10 +72,18 @@ class TensorCheck {
     defects_.push_back({name_, std::move(expected), std::move(found)});
   }
 
+  // As stored, for what the view does not tell. Somebody may have rewritten the file since it was
+  // opened: what the forward pass will use is checked on the view.
   const kiv::orb2::TensorIndexEntry* entry() const {
     const auto* index = reinterpret_cast<const kiv::orb2::TensorIndexEntry*>(
         loader_.reader.sectionData(kiv::orb2::SectionType::TensorIndex));
     return index + (view_ - loader_.tensors.data());
+  }
+
+  // Where the data begin in the weight section; wraps for what lies before it.
+  uint64_t offset() const {
+    const uint8_t* weights = loader_.reader.sectionData(kiv::orb2::SectionType::WeightData);
+    return reinterpret_cast<uintptr_t>(view_->data) - reinterpret_cast<uintptr_t>(weights);
   }
 
   // Product of the dimensions after the first; empty when it does not fit 64 bits.
@@ -93,12 +101,13 @@ class TensorCheck {
   }
 
   bool shape() const {
-    const unsigned dimensions = entry()->ndims;
-    if (dimensions < 1 || dimensions > 4) {
+    constexpr unsigned kMost = 4;  // in a view that was cut as well
+    const unsigned dimensions = view_->ndims < kMost ? view_->ndims : entry()->ndims;
+    if (dimensions < 1 || dimensions > kMost) {
       add("1 to 4 dimensions", count(dimensions, "dimension"));
       return false;
     }
-    if (std::count(view_->dims, view_->dims + dimensions, 0u) != 0) {
+    if (std::count(view_->dims, view_->dims + view_->ndims, 0u) != 0) {
       add("dimensions of at least 1", "a dimension of 0");
       return false;
     }
@@ -146,10 +155,9 @@ class TensorCheck {
       return false;
     }
     const uint64_t section = loader_.reader.sectionSize(kiv::orb2::SectionType::WeightData);
-    const uint64_t offset = entry()->offset;
-    if (offset > section || view_->size > section - offset) {
+    if (offset() > section || view_->size > section - offset()) {
       add("data within the weight section of " + count(section, "byte"),
-          count(view_->size, "byte") + " at offset " + std::to_string(offset));
+          count(view_->size, "byte") + " at offset " + std::to_string(offset()));
       return false;
     }
     return true;

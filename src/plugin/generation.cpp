@@ -77,6 +77,8 @@ bool logitsAreFinite(const Qwen35Session& session) {
 }
 
 bool prefill(Qwen35Session& session, const std::vector<int32_t>& tokens) {
+  // A signal would end the process at the first weight that is gone.
+  if (!session.loader->reader.holdsMapping()) return false;
   std::fill(session.hidden.begin(), session.hidden.end(), 0.0f);
   std::fill(session.logits.begin(), session.logits.end(), 0.0f);
   const bool batches = canBatch(session.model);

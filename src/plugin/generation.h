@@ -13,8 +13,8 @@ namespace qwen35 {
 
 // Zeroes the hidden and logits vectors, then feeds the tokens from the session's position on. On
 // success the session's logits predict the next token (an empty list leaves them zero). False when
-// the context is full, an id has no embedding row, or an output is not finite; the position then
-// stays advanced by the tokens that were fed.
+// the model file has been shortened, the context is full, an id has no embedding row, or an output
+// is not finite; the position then stays advanced by the tokens that were fed.
 bool prefill(Qwen35Session& session, const std::vector<int32_t>& tokens);
 
 // Takes one decoded piece; false ends the generation.

@@ -80,12 +80,8 @@ void ModelFile::addBlock(size_t index, bool linear) {
   }
 }
 
-std::vector<uint8_t> ModelFile::build() const {
+ContainerBuilder ModelFile::container() const {
   ContainerBuilder builder;
-  builder.meta("general.architecture", "qwen35");
-  kiv::TokenizerData tokenizer;
-  tokenizer.tokens = {"a", "b"};
-  builder.tokenizer(tokenizer);
   std::map<const void*, uint64_t> offsets;
   Bytes weights;
   for (const auto& [name, spec] : tensors_) {
@@ -102,7 +98,14 @@ std::vector<uint8_t> ModelFile::build() const {
     if (spec.ndims) poke(entry, 68, *spec.ndims);
     builder.rawTensor(entry);
   }
-  return builder.section(kiv::orb2::SectionType::WeightData, weights).build();
+  builder.section(kiv::orb2::SectionType::WeightData, weights);
+  return builder;
+}
+
+std::vector<uint8_t> ModelFile::build() const {
+  kiv::TokenizerData tokenizer;
+  tokenizer.tokens = {"a", "b"};
+  return container().meta("general.architecture", "qwen35").tokenizer(tokenizer).build();
 }
 
 }  // namespace orbtest

@@ -50,7 +50,9 @@ class ModelFile {
   void erase(const std::string& name) { tensors_.erase(name); }
   void addBlock(size_t index, bool linear);
 
-  // Tensors that share their bytes here do so in the file.
+  // Weights and tensor index, for tests that bring their own metadata or tokenizer. Tensors that
+  // share their bytes here do so in the file.
+  ContainerBuilder container() const;
   std::vector<uint8_t> build() const;
 
  private:
