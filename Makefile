@@ -3,12 +3,13 @@ JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 export CTEST_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test race bench format clean
+.PHONY: help demo test race fuzz bench format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
 	@echo 'make test     every check: format, lint, tests, tests under sanitizers'
 	@echo 'make race     the tests under the thread sanitizer'
+	@echo 'make fuzz     the fuzz targets, FUZZ_SECONDS each (60)'
 	@echo 'make bench    measure the demo model and the kernels on this machine'
 	@echo 'make format   format the sources in place'
 	@echo 'make clean    remove build/'
@@ -24,6 +25,9 @@ test:
 race:
 	@scripts/bootstrap.sh all
 	cmake --preset tsan >/dev/null && cmake --build --preset tsan && ctest --preset tsan
+
+fuzz:
+	@scripts/fuzz.sh
 
 bench:
 	@scripts/bench.sh

@@ -1,46 +1,12 @@
 // The merge loop against the definition: scan, merge the leftmost pair of the lowest rank, repeat.
-#include <map>
+#include <algorithm>
 #include <random>
 
-#include "tokenizer/characters.h"
+#include "tokenizer/scanning_merge.h"
 #include "tokenizer/vocabulary.h"
 
 namespace kiv::testing {
 namespace {
-
-std::vector<std::string> characters(std::string_view text) {
-  std::vector<std::string> symbols;
-  while (!text.empty()) {
-    symbols.emplace_back(text.substr(0, characterLength(text, 0)));
-    text.remove_prefix(symbols.back().size());
-  }
-  return symbols;
-}
-
-std::vector<std::string> mergedByScanning(std::string_view text,
-                                          const std::vector<std::string>& rules) {
-  std::map<std::string, size_t> ranks;
-  for (size_t rank = 0; rank < rules.size(); ++rank) {
-    ranks.emplace(rules[rank], rank);
-  }
-  std::vector<std::string> symbols = characters(text);
-  while (true) {
-    size_t best = rules.size();
-    size_t place = 0;
-    for (size_t i = 0; i + 1 < symbols.size(); ++i) {
-      const auto found = ranks.find(symbols[i] + ' ' + symbols[i + 1]);
-      if (found != ranks.end() && found->second < best) {
-        best = found->second;
-        place = i;
-      }
-    }
-    if (best == rules.size()) {
-      return symbols;
-    }
-    symbols[place] += symbols[place + 1];
-    symbols.erase(symbols.begin() + static_cast<std::ptrdiff_t>(place) + 1);
-  }
-}
 
 class Generator {
  public:
