@@ -39,6 +39,7 @@ int runTool(int argc, char** argv) {
   addProbeCommand(app, exitCode);
   addConvertCommand(app, exitCode);
   addSynthCommand(app, exitCode);
+  addValidateCommand(app, exitCode);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
