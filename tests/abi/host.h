@@ -87,6 +87,8 @@ void testIdleBetweenCalls(void);
 void testUnloadRounds(void);
 void testFreshHandleIsSmall(void);
 void testProcessIsLeftAlone(void);
+void testNothingIsPrinted(void);
+void testNoFileIsWrittenNoNetworkUsed(void);
 void testNamesElsewhereDoNotReachIn(void);
 void testTwoHandlesInTwoThreads(void);
 

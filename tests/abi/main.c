@@ -35,6 +35,8 @@ static const struct {
     {"unload_rounds", testUnloadRounds},
     {"fresh_handle_is_small", testFreshHandleIsSmall},
     {"process_is_left_alone", testProcessIsLeftAlone},
+    {"nothing_is_printed", testNothingIsPrinted},
+    {"no_file_is_written_no_network_used", testNoFileIsWrittenNoNetworkUsed},
     {"names_elsewhere_do_not_reach_in", testNamesElsewhereDoNotReachIn},
     {"two_handles_in_two_threads", testTwoHandlesInTwoThreads},
 };
