@@ -33,7 +33,7 @@ void Team::runErased(const Callable& body) {
     return;
   }
   threads_ = std::min(static_cast<size_t>(std::max(omp_get_max_threads(), 1)), kMaxThreads);
-  over_.store(false, std::memory_order_relaxed);
+  over_.store(false, std::memory_order_release);
   std::exception_ptr error;
   const int teamSize = static_cast<int>(threads_);
 #pragma omp parallel num_threads(teamSize)
@@ -52,6 +52,7 @@ void Team::runErased(const Callable& body) {
       jobNumber_.notify_all();
     }
   }
+  departed_.load(std::memory_order_acquire);
   threads_ = 0;
   if (error) std::rethrow_exception(error);
 }
@@ -111,6 +112,7 @@ void Team::serve(size_t self) {
     takePieces(self);
     seen = awaitChange(jobNumber_, seen);
   }
+  departed_.fetch_add(1, std::memory_order_release);
 }
 
 }  // namespace qwen35

@@ -72,7 +72,10 @@ class Team {
   std::array<Share, kMaxThreads> shares_;
   alignas(64) std::atomic<uint32_t> unfinished_{0};  // pieces of the job
   alignas(64) std::atomic<uint32_t> jobNumber_{0};   // changes with every job and at the end
+  // With departed_ also the region's fork and join, once more: a race detector does not see those
+  // of a runtime that was built without it.
   std::atomic<bool> over_{false};
+  std::atomic<uint32_t> departed_{0};
 };
 
 }  // namespace qwen35
