@@ -3,13 +3,15 @@ JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 export CTEST_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test race fuzz bench format clean
+.PHONY: help demo test race fuzz soak validate bench format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
 	@echo 'make test     every check: format, lint, tests, tests under sanitizers'
 	@echo 'make race     the tests under the thread sanitizer'
 	@echo 'make fuzz     the fuzz targets, FUZZ_SECONDS each (60)'
+	@echo 'make soak     SOAK_TURNS turns (10000) on the demo model; memory must not grow'
+	@echo 'make validate the plug-in against the rules of the C interface'
 	@echo 'make bench    measure the demo model and the kernels on this machine'
 	@echo 'make format   format the sources in place'
 	@echo 'make clean    remove build/'
@@ -28,6 +30,17 @@ race:
 
 fuzz:
 	@scripts/fuzz.sh
+
+soak:
+	@scripts/soak.sh
+
+validate:
+	@scripts/bootstrap.sh
+	@test -f build/release/build.ninja || \
+	  cmake --preset release -DORB_BUILD_TESTS=OFF -DORB_BUILD_BENCHMARKS=OFF >/dev/null
+	cmake --build --preset release --target orb
+	QWEN35_MAX_CONTEXT=512 build/release/bin/orb validate \
+	  build/release/bin/liborb_runtime_qwen35.so models/demo.orb
 
 bench:
 	@scripts/bench.sh
