@@ -6,47 +6,15 @@
 
 #include "hostile/hostile_case.h"
 #include "hostile/memory_file.h"
+#include "hostile/talking_handle.h"
 #include "model/model.h"
 #include "model/validation.h"
 
 namespace orbtest {
 namespace {
 
-const ORBRuntimeV2& table() { return *orb_plugin_runtimes_v2(nullptr); }
-
 constexpr size_t kOffsetField = 104;  // of an index entry
 constexpr size_t kNdimsField = 68;
-
-class Handle {
- public:
-  explicit Handle(const char* path) {
-    EXPECT_EQ(table().create(path, nullptr, &handle_, nullptr, 0), ORB_OK);
-  }
-  ~Handle() { table().destroy(handle_); }
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-
-  ORBRuntimeHandle* get() { return handle_; }
-  int generate(std::string* text = nullptr) {
-    std::array<char, 256> out{};
-    const int result = table().generate(handle_, "ab", out.data(), out.size());
-    if (text != nullptr) *text = out.data();
-    return result;
-  }
-
- private:
-  ORBRuntimeHandle* handle_ = nullptr;
-};
-
-// Two tokens that answer "bbb": there is no end of sequence.
-File talkingFile() {
-  kiv::TokenizerData tokenizer;
-  tokenizer.tokens = {"a", "b"};
-  tokenizer.specialIds = {-1, -1, -1, -1};
-  ModelFile model = smallestModel();
-  model["token_embd.weight"] = TensorSpec::floats({1, 2}, 1);
-  return model.container().tokenizer(tokenizer).meta("general.architecture", "qwen35").build();
-}
 
 class ChangingFileTest : public testing::Test {
  protected:
