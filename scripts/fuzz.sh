@@ -35,7 +35,7 @@ for target in "${targets[@]}"; do
   fi
   echo "== $target"
   log=build/fuzz/$target.log
-  "$bin/${target}_fuzz" -max_total_time="${FUZZ_SECONDS:-60}" -max_len=4096 -timeout=20 \
+  "$bin/${target}_fuzz" -max_total_time="${FUZZ_SECONDS:-60}" -max_len=4096 -timeout=60 \
     -rss_limit_mb=2048 -malloc_limit_mb=256 -dict=fuzz/orb.dict -print_final_stats=1 \
     -artifact_prefix="build/fuzz/$target-" "$found" "fuzz/corpus/$target" \
     "build/fuzz/seeds/$target" >"$log" 2>&1 || {

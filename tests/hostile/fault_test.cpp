@@ -15,12 +15,6 @@
 #include "model/kernels/kernel_table.h"
 #include "synth/synth.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define ORB_INSTRUMENTED 1
-#else
-#define ORB_INSTRUMENTED 0
-#endif
-
 namespace orbtest {
 namespace {
 

@@ -14,7 +14,7 @@
 namespace orbtest {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if ORB_INSTRUMENTED
 constexpr double kSlower = 20;
 #else
 constexpr double kSlower = 1;

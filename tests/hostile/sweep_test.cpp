@@ -10,7 +10,7 @@
 namespace orbtest {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if ORB_INSTRUMENTED
 constexpr uint64_t kStride = 61;
 #else
 constexpr uint64_t kStride = 1;
