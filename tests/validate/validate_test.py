@@ -79,8 +79,6 @@ def tearDownModule():
 def run(*arguments, flaw=None):
     environment = dict(os.environ)
     environment.pop("ORB_FLAW", None)
-    # A crash is a signal, and freed memory is given back, under a sanitizer too.
-    environment["ASAN_OPTIONS"] = "handle_segv=0:quarantine_size_mb=0"
     if flaw is not None:
         environment["ORB_FLAW"] = flaw
     return subprocess.run(COMMAND + ["validate"] + list(arguments), capture_output=True, text=True,
