@@ -304,6 +304,95 @@ class Padding(ConvertCase):
         self.assertLess((error / np.linalg.norm(expected, axis=1)).max(), 1e-4)
 
 
+class Quantize(ConvertCase):
+    """`orb quantize` and `orb eval`."""
+
+    def synth(self, name="synth.orb", *options):
+        path = self.path(name)
+        self.orb("synth", path, "--type", "f32", "--query-heads", "4", "--value-heads", "16",
+                 *options)
+        return path
+
+    def test_types_errors_and_shared_bytes(self):
+        source, target = self.synth(), self.path("small.orb")
+        out, err = self.orb("quantize", source, target, "--type", "q5_k")
+        self.assertEqual(err, "")
+        self.orb("info", target, "--check")
+        before, after = OrbFile(source), OrbFile(target)
+        self.assertEqual(before.entries.keys(), after.entries.keys())
+        self.assertEqual(before.section(2), after.section(2))
+        self.assertEqual(after.meta["synth.pattern"], "lllf")
+        numbers = {"F32": 0, "Q8_0": 4, "Q5_K": 6, "Q6_K": 7}
+        lines = [line.split() for line in out.splitlines() if " F32 " in line]
+        self.assertEqual(len(lines), 16)  # matrices of one linear and one full block, the embedding
+        for name, _, kind, size, error in lines:
+            exact, stored = before.matrix(name), after.matrix(name)
+            expected = np.linalg.norm(stored - exact) / np.linalg.norm(exact)
+            self.assertEqual(after.entries[name][0], numbers[kind])
+            self.assertEqual(after.entries[name][3], int(size))
+            self.assertAlmostEqual(float(error), expected, delta=1e-5 + expected * 1e-3)
+            self.assertLess(expected, 0.05)
+        for name in ("blk.0.attn_norm.weight", "blk.3.attn_q_norm.weight", "blk.0.ssm_a"):
+            self.assertTrue((before.vector(name) == after.vector(name)).all())
+        self.assertEqual(after.entries["blk.30.ssm_out.weight"], after.entries["blk.0.ssm_out.weight"])
+
+    def test_the_same_file_and_existing_ones_are_refused(self):
+        source, target = self.synth(), self.synth("other.orb")
+        _, err = self.orb("quantize", source, source, "--force", code=1)
+        self.assertIn("expected another file than the source", err)
+        _, err = self.orb("quantize", source, target, code=1)
+        self.assertIn("already exists", err)
+        with open(self.path("none.orb"), "wb") as file:
+            file.write(b"ORB2" + bytes(100))
+        _, err = self.orb("quantize", self.path("none.orb"), self.path("x.orb"), code=1)
+        self.assertIn("ORB2: unsupported version", err)
+        self.assertFalse(os.path.exists(self.path("x.orb")))
+
+    def text(self):
+        path = self.path("text.txt")
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("The words and the others are in a row\nhere, and there as well.")
+        return path
+
+    def test_perplexity_is_that_of_the_reference(self):
+        model = self.synth("eval.orb", "--hidden", "32", "--ffn", "32")
+        out, _ = self.orb("eval", model, self.text(), "--window", "9")
+        reference = Model(model)
+        with open(self.text(), encoding="utf-8") as file:
+            ids = reference.tokenizer.encode(file.read())
+        loss = 0
+        for i, (token, following) in enumerate(zip(ids, ids[1:])):
+            if i % 8 == 0:
+                reference.reset()
+            logits = reference.logits(reference.step(token))
+            loss += np.log(np.exp(logits - logits.max()).sum()) + logits.max() - logits[following]
+        self.assertIn(f"tokens      {len(ids) - 1}, ", out)
+        found = float(out.split("(")[1].split()[0])
+        self.assertAlmostEqual(found, loss / (len(ids) - 1), delta=1e-4)
+
+    def test_comparison_of_two_models(self):
+        source = self.synth()
+        out, _ = self.orb("eval", source, self.text(), "--against", source)
+        self.assertIn("mean KL divergence 0.000000 nats, same first choice 100.00 %", out)
+        out, _ = self.orb("quantize", source, self.path("q.orb"), "--type", "q4_k", "--compare",
+                          self.text())
+        self.assertGreater(float(out.split("divergence ")[1].split()[0]), 0)
+        other = self.synth("other.orb", "--vocab", "400")
+        _, err = self.orb("eval", source, self.text(), "--against", other, code=1)
+        self.assertIn("expected two models of one vocabulary, found 512 and 400 tokens", err)
+
+    def test_what_cannot_be_evaluated(self):
+        model = self.synth("eval.orb", "--hidden", "32", "--ffn", "32")
+        _, err = self.orb("eval", model, self.path("none.txt"), code=1)
+        self.assertIn("none.txt: expected a file", err)
+        with open(self.path("short.txt"), "w", encoding="utf-8") as file:
+            file.write("a")
+        _, err = self.orb("eval", model, self.path("short.txt"), code=1)
+        self.assertIn("expected a text of at least two tokens", err)
+        _, err = self.orb("eval", self.path("none.orb"), self.text(), code=1)
+        self.assertIn("none.orb: ORB2: cannot open file", err)
+
+
 class Safety(ConvertCase):
     """What happens to files."""
 

@@ -67,13 +67,13 @@ class CommandTest(unittest.TestCase):
 class Usage(CommandTest):
     def test_help_lists_every_subcommand(self):
         out, _ = self.orb("--help")
-        for name in (b"chat", b"run", b"bench", b"info", b"probe", b"convert", b"synth",
-                     b"validate"):
+        for name in (b"chat", b"run", b"bench", b"info", b"probe", b"convert", b"quantize",
+                     b"eval", b"synth", b"validate"):
             self.assertIn(b"\n  " + name + b" ", out)
 
     def test_every_subcommand_has_examples(self):
-        for name in ("chat", "run", "bench", "info", "probe", "convert", "synth",
-                     "validate"):
+        for name in ("chat", "run", "bench", "info", "probe", "convert", "quantize", "eval",
+                     "synth", "validate"):
             out, err = self.orb(name, "--help")
             self.assertIn(b"Examples:\n  orb " + name.encode(), out.replace(b"printf", b"orb"))
             self.assertEqual(err, b"")

@@ -9,8 +9,10 @@ namespace orb {
 void addBenchCommand(CLI::App& app, int& exitCode);
 void addChatCommand(CLI::App& app, int& exitCode);
 void addConvertCommand(CLI::App& app, int& exitCode);
+void addEvalCommand(CLI::App& app, int& exitCode);
 void addInfoCommand(CLI::App& app, int& exitCode);
 void addProbeCommand(CLI::App& app, int& exitCode);
+void addQuantizeCommand(CLI::App& app, int& exitCode);
 void addRunCommand(CLI::App& app, int& exitCode);
 void addSynthCommand(CLI::App& app, int& exitCode);
 void addValidateCommand(CLI::App& app, int& exitCode);

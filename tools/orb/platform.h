@@ -16,6 +16,12 @@ std::string executableFolder();
 // File name of the runtime plug-in on this system.
 const char* pluginFileName();
 
+// File name of the evaluation module on this system.
+const char* evalModuleFileName();
+
+// A function of a library that stays loaded from then on; null when either is not there.
+void* findInLibrary(const std::string& library, const char* function);
+
 // For libraries that are loaded later; not safe once threads run.
 void setEnvironment(const char* name, const std::string& value);
 

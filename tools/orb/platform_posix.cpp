@@ -1,3 +1,4 @@
+#include <dlfcn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -37,6 +38,13 @@ std::string executableFolder() {
 }
 
 const char* pluginFileName() { return "liborb_runtime_qwen35.so"; }
+
+const char* evalModuleFileName() { return "liborb_eval.so"; }
+
+void* findInLibrary(const std::string& library, const char* function) {
+  void* handle = dlopen(library.c_str(), RTLD_NOW | RTLD_LOCAL);
+  return handle == nullptr ? nullptr : dlsym(handle, function);
+}
 
 void setEnvironment(const char* name, const std::string& value) {
   setenv(name, value.c_str(), /*overwrite=*/1);

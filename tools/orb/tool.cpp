@@ -38,6 +38,8 @@ int runTool(int argc, char** argv) {
   addInfoCommand(app, exitCode);
   addProbeCommand(app, exitCode);
   addConvertCommand(app, exitCode);
+  addQuantizeCommand(app, exitCode);
+  addEvalCommand(app, exitCode);
   addSynthCommand(app, exitCode);
   addValidateCommand(app, exitCode);
   try {
