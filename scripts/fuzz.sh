@@ -19,10 +19,10 @@ if [[ ${1:-} == minimise ]]; then
   shift
 fi
 targets=("$@")
-[[ $# -gt 0 ]] || targets=(container sections text calls)
+[[ $# -gt 0 ]] || targets=(container sections text calls gguf safetensors)
 for target in "${targets[@]}"; do
   found=build/fuzz/corpus/$target
-  mkdir -p "$found" "fuzz/corpus/$target"
+  mkdir -p "$found" "fuzz/corpus/$target" "build/fuzz/seeds/$target"
   if $minimise; then
     smallest=build/fuzz/minimised/$target
     rm -rf "$smallest"

@@ -23,8 +23,9 @@ class Forecaster {
     const kiv::Status status = loader_.open(path, /*largeFiles=*/true);
     if (!status.ok()) return std::string(path) + ": " + status.message;
     if (!initLayers(loader_, model_, window) || !bindModel(loader_, model_, window)) {
-      return std::string(path) + ": expected a model that the runtime takes; orb info --check "
-                                 "says what is wrong with it";
+      return std::string(path) +
+             ": expected a model that the runtime takes; orb info --check "
+             "says what is wrong with it";
     }
     embedding_.resize(model_.hiddenSize);
     logits_.resize(model_.vocabularySize);
@@ -96,9 +97,8 @@ std::string evaluate(const OrbEvalRequest& request, OrbEvalResult& result) {
     std::string error = against->open(request.against, request.window);
     if (!error.empty()) return error;
     if (against->vocabulary() != model.vocabulary()) {
-      return "expected two models of one vocabulary, found " +
-             std::to_string(model.vocabulary()) + " and " +
-             std::to_string(against->vocabulary()) + " tokens";
+      return "expected two models of one vocabulary, found " + std::to_string(model.vocabulary()) +
+             " and " + std::to_string(against->vocabulary()) + " tokens";
     }
   }
   // The last token of a window is forecast but not fed; the next window begins with it.

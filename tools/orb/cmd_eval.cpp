@@ -24,9 +24,10 @@ void printFigures(const OrbEvalResult& result, bool compared) {
               formatThreeDigits(result.seconds > 0 ? count / result.seconds : 0).c_str());
   std::printf("perplexity  %.4f (%.5f nats a token)\n", std::exp(result.logLoss), result.logLoss);
   if (!compared) return;
-  std::printf("against     perplexity %.4f, mean KL divergence %.6f nats, same first choice %.2f %%\n",
-              std::exp(result.againstLogLoss), result.divergence,
-              100 * static_cast<double>(result.agreements) / count);
+  std::printf(
+      "against     perplexity %.4f, mean KL divergence %.6f nats, same first choice %.2f %%\n",
+      std::exp(result.againstLogLoss), result.divergence,
+      100 * static_cast<double>(result.agreements) / count);
 }
 
 }  // namespace
@@ -37,9 +38,9 @@ int runEvaluation(const EvaluationOptions& options) {
   if (!status.ok()) return fail("", status.message);
   if (options.threads) setEnvironment("OMP_NUM_THREADS", std::to_string(*options.threads));
   const std::string module = executableFolder() + '/' + evalModuleFileName();
-  const auto evaluate =
-      reinterpret_cast<OrbEvaluateFunction>(findInLibrary(module, "orbEvaluate"));
-  if (evaluate == nullptr) return fail(module, "expected the evaluation module, found none that loads");
+  const auto evaluate = reinterpret_cast<OrbEvaluateFunction>(findInLibrary(module, "orbEvaluate"));
+  if (evaluate == nullptr)
+    return fail(module, "expected the evaluation module, found none that loads");
 
   struct Watch {
     InterruptFlag interrupts{InterruptFlag::Scope::Work};
@@ -84,12 +85,13 @@ void addEvalCommand(CLI::App& app, int& exitCode) {
   command->add_option("--threads", options->threads, "Worker threads [all processors]")
       ->check(CLI::Range(1, 64))
       ->type_name("N");
-  addExamples(*command,
-              "  orb eval model.orb text.txt\n"
-              "  orb eval small.orb text.txt --against model.orb\n"
-              "Perplexity is the exponential of the mean of -ln p over the text's tokens: lower is\n"
-              "better, and comparable between models of one tokenizer on one text only. The KL\n"
-              "divergence says how far MODEL's expectations are from MODEL2's; 0 is none.");
+  addExamples(
+      *command,
+      "  orb eval model.orb text.txt\n"
+      "  orb eval small.orb text.txt --against model.orb\n"
+      "Perplexity is the exponential of the mean of -ln p over the text's tokens: lower is\n"
+      "better, and comparable between models of one tokenizer on one text only. The KL\n"
+      "divergence says how far MODEL's expectations are from MODEL2's; 0 is none.");
   command->callback([options, &exitCode] { exitCode = runEvaluation(*options); });
 }
 
