@@ -289,9 +289,11 @@ TEST_F(FaultTest, OneProcessorIsEnoughForTwoThreads) {
     std::string text;
     EXPECT_EQ(handle.generate(&text), ORB_OK);
     EXPECT_EQ(text, expected);
+#if !defined(__clang__)  // whose OpenMP runtime, used with sanitizers only, sets masks itself
     cpu_set_t after;
     ASSERT_EQ(sched_getaffinity(0, sizeof after, &after), 0);
     EXPECT_TRUE(CPU_EQUAL(&after, &one));
+#endif
   }).join();
 }
 
