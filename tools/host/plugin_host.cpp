@@ -1,6 +1,10 @@
 #include "host/plugin_host.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <dlfcn.h>
+#endif
 
 #include <cstdint>
 #include <cstring>
@@ -15,7 +19,43 @@ constexpr uint32_t kRuntimeTableVersion = 3;
 constexpr uint32_t kStreamingTableVersion = 1;
 constexpr size_t kErrorCapacity = 512;
 
-// The three calls of the system's dynamic loading, all that a port replaces.
+// The three calls of the system's dynamic loading.
+#if defined(_WIN32)
+
+std::string systemMessage(DWORD code) {
+  wchar_t wide[256];
+  char text[3 * 256];
+  DWORD length = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                                code, 0, wide, 256, nullptr);
+  while (length > 0 && wide[length - 1] <= L' ') --length;
+  if (length > 0 && wide[length - 1] == L'.') --length;
+  const int bytes = WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(length), text,
+                                        sizeof text, nullptr, nullptr);
+  if (bytes <= 0) return "error " + std::to_string(code);
+  return std::string(text, static_cast<size_t>(bytes));
+}
+
+// Looks for what the library needs in its own folder and the system's, not in the current one.
+void* openLibrary(const std::string& path, std::string& error) {
+  wchar_t wide[4096], full[4096];
+  if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, path.c_str(), -1, wide, 4096) == 0 ||
+      GetFullPathNameW(wide, 4096, full, nullptr) - 1 >= 4095) {
+    error = "no usable file name";
+    return nullptr;
+  }
+  void* library = LoadLibraryExW(
+      full, nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS | LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
+  if (library == nullptr) error = systemMessage(GetLastError());
+  return library;
+}
+
+void* findFunction(void* library, const char* name) {
+  return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(library), name));
+}
+
+void closeLibrary(void* library) { FreeLibrary(static_cast<HMODULE>(library)); }
+
+#else
 
 void* openLibrary(const std::string& path, std::string& error) {
   // Local: the plug-in's symbols never replace the host's or another plug-in's.
@@ -30,6 +70,8 @@ void* openLibrary(const std::string& path, std::string& error) {
 void* findFunction(void* library, const char* name) { return dlsym(library, name); }
 
 void closeLibrary(void* library) { dlclose(library); }
+
+#endif
 
 template <typename Function>
 bool find(void* library, const char* name, Function& function, std::string& error) {

@@ -23,11 +23,14 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kPrompt = "> ";
 
-constexpr const char* kHelp =
+// Around the key that ends the input.
+constexpr const char* kHelpBegin =
     "/reset   forget the conversation\n"
     "/stats   context, answers and times\n"
     "/help    this list\n"
-    "/quit    leave (also Ctrl-D)\n"
+    "/quit    leave (also ";
+constexpr const char* kHelpEnd =
+    ")\n"
     "Ctrl-C stops an answer; twice, it ends the program. A question that begins with a slash goes\n"
     "through with a space in front.\n";
 
@@ -121,7 +124,7 @@ class Chat {
     if (name == "/quit") {
       leaving_ = true;
     } else if (name == "/help") {
-      std::fputs(kHelp, stdout);
+      std::printf("%s%s%s", kHelpBegin, LineEditor::endKey(), kHelpEnd);
     } else if (name == "/stats") {
       printStats();
     } else if (name == "/reset") {

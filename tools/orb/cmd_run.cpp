@@ -34,7 +34,7 @@ bool readPrompt(const RunOptions& options, std::string& prompt) {
   if (options.prompt) {
     prompt = *options.prompt;
   } else if (options.file) {
-    std::ifstream stream(*options.file, std::ios::binary);
+    std::ifstream stream(pathOf(*options.file), std::ios::binary);
     if (stream) prompt = readAll(stream);
     if (!stream) {
       printError(*options.file, "expected a readable file with the prompt, found none");

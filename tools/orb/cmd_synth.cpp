@@ -84,7 +84,7 @@ int runSynth(const SynthCommandOptions& options) {
     return fail("", status.message, kUsage);
   }
   std::error_code error;
-  if (!model.overwrite && std::filesystem::exists(options.output, error)) {
+  if (!model.overwrite && std::filesystem::exists(pathOf(options.output), error)) {
     return fail(options.output, "expected a new file, found that it exists; --force replaces it");
   }
   const auto start = std::chrono::steady_clock::now();

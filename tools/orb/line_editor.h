@@ -16,8 +16,11 @@ class LineEditor {
   LineEditor(const LineEditor&) = delete;
   LineEditor& operator=(const LineEditor&) = delete;
 
+  // What a user presses to end the input.
+  static const char* endKey();
+
   // The line comes without its newline, and joins the history when it is not empty. Interrupted:
-  // Ctrl-C threw the line away; End: Ctrl-D on an empty line or the end of the input.
+  // Ctrl-C threw the line away; End: endKey() on an empty line or the end of the input.
   Result read(const std::string& prompt, std::string& line);
 
  private:

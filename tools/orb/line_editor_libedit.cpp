@@ -65,6 +65,8 @@ LineEditor::~LineEditor() {
   if (state_->history != nullptr) history_end(state_->history);
 }
 
+const char* LineEditor::endKey() { return "Ctrl-D"; }
+
 LineEditor::Result LineEditor::read(const std::string& prompt, std::string& line) {
   State& s = *state_;
   line.clear();

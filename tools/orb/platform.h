@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <string>
 
 namespace orb {
@@ -30,6 +31,9 @@ uint64_t peakMemoryBytes();
 
 // Size of a regular file; false when there is none that can be looked at.
 bool fileSize(const std::string& path, uint64_t& size);
+
+// For the standard library's calls, which take UTF-8 as it is on some systems only.
+std::filesystem::path pathOf(const std::string& text);
 
 // Turns interrupts into a flag instead of the end of the program, and restores the former behaviour
 // at the end of its life. One object at a time.

@@ -63,6 +63,8 @@ bool fileSize(const std::string& path, uint64_t& size) {
   return true;
 }
 
+std::filesystem::path pathOf(const std::string& text) { return text; }
+
 InterruptFlag::InterruptFlag(Scope scope) {
   interruptFlag = 0;
   endOnSecond = scope == Scope::Conversation ? 1 : 0;
