@@ -16,6 +16,13 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 
+if(WIN32)
+  # Not the import libraries (.dll.a) of runtimes that are linked statically.
+  set(CMAKE_FIND_LIBRARY_SUFFIXES .a)
+  # The C library's printf as the standard has it, in C as well.
+  add_compile_definitions(__USE_MINGW_ANSI_STDIO=1)
+endif()
+
 add_compile_options(-Wall -Wextra -Werror -Wshadow -Wno-missing-field-initializers)
 
 if(ORB_SANITIZER)

@@ -1,12 +1,10 @@
 #include "host.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-#include <unistd.h>
 
 #include "check.h"
 
@@ -67,30 +65,11 @@ int streamTurn(const Host* host, ORBRuntimeHandle* handle, const char* userText,
   return host->streaming->chatTurnStream(handle, userText, onChunk, stream, &stream->cancel);
 }
 
-static int countEntries(const char* directory) {
-  DIR* entries = opendir(directory);
-  int count = 0;
-  if (entries == NULL) return -1;
-  while (readdir(entries) != NULL) count += 1;
-  closedir(entries);
-  return count - 2; /* . and .. */
-}
-
 int threadCount(void) {
   static int others = -1;
-  const int threads = countEntries("/proc/self/task");
+  const int threads = allThreads();
   if (others < 0) others = threads - 1;
   return threads - others;
-}
-
-int openFileCount(void) { return countEntries("/proc/self/fd"); }
-
-long residentKiB(void) {
-  long pages = 0;
-  FILE* file = fopen("/proc/self/statm", "r");
-  if (file == NULL || fscanf(file, "%*s %ld", &pages) != 1) pages = -1;
-  if (file != NULL) fclose(file);
-  return pages * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 static double seconds(clockid_t clock) {

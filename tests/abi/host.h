@@ -6,6 +6,7 @@
 #include <stddef.h>
 
 #include "orb_plugin.h"
+#include "system/system.h"
 
 typedef struct Host {
   void* library;
@@ -42,11 +43,9 @@ typedef struct Stream {
 
 int streamTurn(const Host* host, ORBRuntimeHandle* handle, const char* userText, Stream* stream);
 
-int threadCount(void); /* but for those that were there before the plug-in */
-long residentKiB(void);
+int threadCount(void);         /* but for those that were there before the plug-in */
 double processorSeconds(void); /* of all threads */
 double wallSeconds(void);
-int openFileCount(void);
 void sleepMilliseconds(int milliseconds);
 
 /* Whether a sanitizer is built in: its allocator keeps freed memory, and its runtime takes time and

@@ -34,10 +34,12 @@ static const struct {
     {"idle_between_calls", testIdleBetweenCalls},
     {"unload_rounds", testUnloadRounds},
     {"fresh_handle_is_small", testFreshHandleIsSmall},
+#if !defined(_WIN32)
     {"process_is_left_alone", testProcessIsLeftAlone},
     {"nothing_is_printed", testNothingIsPrinted},
     {"no_file_is_written_no_network_used", testNoFileIsWrittenNoNetworkUsed},
     {"names_elsewhere_do_not_reach_in", testNamesElsewhereDoNotReachIn},
+#endif
     {"two_handles_in_two_threads", testTwoHandlesInTwoThreads},
 };
 

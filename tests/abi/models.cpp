@@ -95,7 +95,7 @@ bool writeModels(const std::filesystem::path& directory) {
   options.valueHeads = 4;
   options.pattern = std::string(15, 'f') + "l";
   options.overwrite = true;
-  const kiv::Status status = orb::writeSynthModel(directory / "synth.orb", options);
+  const kiv::Status status = orb::writeSynthModel((directory / "synth.orb").string(), options);
   if (!status.ok()) std::fprintf(stderr, "%s\n", status.message.c_str());
   return written && status.ok();
 }

@@ -1,22 +1,24 @@
 /* What the plug-in does to the process around it: as little as possible. */
+#if !defined(_WIN32)
 #define _GNU_SOURCE /* the processor affinity */
-#include <dlfcn.h>
-#include <fcntl.h>
-#include <fenv.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
-#include <locale.h>
-#include <pthread.h>
 #include <sched.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#endif
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fenv.h>
+#include <locale.h>
+#include <pthread.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <xmmintrin.h>
 
@@ -108,7 +110,7 @@ void testIdleBetweenCalls(void) {
 void testUnloadRounds(void) {
   enum { kRounds = 100, kWarmUp = 20 };
   long settled = 0, last = 0;
-  const int files = openFileCount();
+  int files = openFileCount();
   const double start = wallSeconds();
   int round;
   for (round = 0; round < kRounds; ++round) {
@@ -122,6 +124,9 @@ void testUnloadRounds(void) {
     host.runtime->destroy(handle);
     closeHost(&host);
     CHECK_INT(threadCount(), 1);
+#if defined(_WIN32) /* the first thread leaves the thread runtime with handles of its own */
+    if (round == 0) files = openFileCount();
+#endif
     CHECK_INT(openFileCount(), files);
     last = residentKiB();
     if (round == kWarmUp) settled = last;
@@ -148,6 +153,8 @@ void testFreshHandleIsSmall(void) {
   host.runtime->destroy(handle);
   closeHost(&host);
 }
+
+#if !defined(_WIN32) /* what these look at and forbid are calls of POSIX systems */
 
 typedef struct ProcessState {
   struct sigaction actions[65];
@@ -385,3 +392,4 @@ void testNamesElsewhereDoNotReachIn(void) {
   CHECK_INT(*calls, 0);
   closeHost(&host);
 }
+#endif

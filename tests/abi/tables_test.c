@@ -83,21 +83,6 @@ void testTables(void) {
   closeHost(&host);
 }
 
-static int isWritable(const void* address) {
-  char line[512];
-  int writable = -1;
-  FILE* maps = fopen("/proc/self/maps", "r");
-  if (maps == NULL) return -1;
-  while (writable < 0 && fgets(line, sizeof line, maps) != NULL) {
-    unsigned long first = 0, end = 0;
-    char mode[8] = "";
-    if (sscanf(line, "%lx-%lx %7s", &first, &end, mode) != 3) continue;
-    if ((uintptr_t)address >= first && (uintptr_t)address < end) writable = mode[1] == 'w';
-  }
-  fclose(maps);
-  return writable;
-}
-
 void testTablesAreConstant(void) {
   Host host;
   openHost(&host);

@@ -1,7 +1,9 @@
 // The streaming writer, read back through the loader.
 #include <gtest/gtest.h>
 #include <signal.h>
+#if !defined(_WIN32)
 #include <sys/resource.h>
+#endif
 
 #include <filesystem>
 #include <fstream>
@@ -267,6 +269,7 @@ TEST_F(WriterTest, AMissingDirectoryIsReportedWithPathAndReason) {
             "ORB2Writer: " + path + ": cannot create a file beside it: No such file or directory");
 }
 
+#if !defined(_WIN32)
 // A limit on file sizes stands in for a full disk.
 class FullDiskTest : public WriterTest {
  protected:
@@ -313,6 +316,7 @@ TEST_F(FullDiskTest, WhatIsStillBufferedFailsAtTheEnd) {
   expectFull(finished);
   EXPECT_EQ(filesLeft(), Names{});
 }
+#endif
 
 struct Misuse {
   const char* name;

@@ -63,7 +63,7 @@ class GoldenTest : public testing::TestWithParam<std::tuple<const KernelTable*, 
     // The scalar tier takes a quarter of a second for a token: the first and the last case will do.
     for (const json& example : golden()["cases"]) cases_.push_back(&example);
     if (&tier == &qwen35::kScalarKernels) cases_ = {cases_.front(), cases_.back()};
-    ASSERT_EQ(qwen35::openSession(session_, modelPath().c_str()), nullptr);
+    ASSERT_EQ(qwen35::openSession(session_, modelPath().string().c_str()), nullptr);
   }
 
   // Feeds one token; `hidden` becomes its final hidden state.
@@ -159,7 +159,7 @@ TEST(GoldenDataTest, BelongToTheModelInTheRepository) {
 
 TEST(GoldenDataTest, PromptsHaveTheTokensOfTheReference) {
   Qwen35Session session;
-  ASSERT_EQ(qwen35::openSession(session, modelPath().c_str()), nullptr);
+  ASSERT_EQ(qwen35::openSession(session, modelPath().string().c_str()), nullptr);
   for (const json& example : golden()["cases"]) {
     for (const json& turn : example["turns"]) {
       EXPECT_EQ(encode(session, turn["prompt"]), turn["prompt_ids"].get<std::vector<int32_t>>())

@@ -9,6 +9,7 @@
 #include "model/model.h"
 #include "model/model_file.h"
 #include "model/validation.h"
+#include "system/system.h"
 
 namespace qwen35 {
 namespace {
@@ -733,14 +734,7 @@ TEST(StateTest, ResetZeroesWhatWasUsedAndKeepsTheSizes) {
   }
 }
 
-size_t residentBytes() {
-  size_t total = 0;
-  size_t resident = 0;
-  std::FILE* file = std::fopen("/proc/self/statm", "r");
-  if (file == nullptr || std::fscanf(file, "%zu %zu", &total, &resident) != 2) return 0;
-  std::fclose(file);
-  return resident * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
+size_t residentBytes() { return static_cast<size_t>(residentKiB()) * 1024; }
 
 TEST(StateTest, EmptyCachesOfALongContextCostNoMemory) {
   const orbtest::TempFile file(ModelFile().build());

@@ -307,7 +307,6 @@ class LinearDiagnosticsTest : public testing::Test {
   std::vector<float> out_;
 };
 
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
 std::string format(const char* pattern, ...) {
   char text[600];
   va_list arguments;

@@ -1,9 +1,11 @@
-// The exported utility functions on a POSIX system.
-#include "compat/compat.h"
-
+// The exported utility functions.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+
+#include "compat/compat.h"
+#if !defined(_WIN32)
 #include <sys/time.h>
+#endif
 #include <unistd.h>
 
 #include <chrono>
@@ -15,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "compat/native.h"
+
 namespace {
 
 double millisecondsOf(uint64_t argument) {
@@ -24,14 +28,16 @@ double millisecondsOf(uint64_t argument) {
       .count();
 }
 
+std::string currentDirectory() { return orbtest::textOf(std::filesystem::current_path()); }
+
 TEST(CompatGetcwd, WritesTheCurrentDirectory) {
   char buffer[4097];
   EXPECT_EQ(orbCompatGetcwd(buffer, sizeof buffer - 1), 0);
-  EXPECT_EQ(std::string(buffer), std::filesystem::current_path().string());
+  EXPECT_EQ(std::string(buffer), currentDirectory());
 }
 
 TEST(CompatGetcwd, ADirectoryOfExactlySizeBytesFitsAndIsTerminatedBehindThem) {
-  const std::string expected = std::filesystem::current_path();
+  const std::string expected = currentDirectory();
   std::vector<char> buffer(expected.size() + 3, '?');
   EXPECT_EQ(orbCompatGetcwd(buffer.data(), static_cast<int64_t>(expected.size())), 0);
   EXPECT_EQ(std::string(buffer.data()), expected);
@@ -39,7 +45,7 @@ TEST(CompatGetcwd, ADirectoryOfExactlySizeBytesFitsAndIsTerminatedBehindThem) {
 }
 
 TEST(CompatGetcwd, ADirectoryThatDoesNotFitFails) {
-  const std::string directory = std::filesystem::current_path();
+  const std::string directory = currentDirectory();
   ASSERT_GT(directory.size(), 1u);
   std::vector<char> buffer(directory.size() + 1, '?');
   EXPECT_EQ(orbCompatGetcwd(buffer.data(), static_cast<int64_t>(directory.size()) - 1), -1);
@@ -54,6 +60,24 @@ TEST(CompatGetcwd, SizesWithoutRoomAndANullBufferFail) {
   EXPECT_EQ(orbCompatGetcwd(nullptr, 64), -1);
 }
 
+TEST(CompatGetcwd, ADirectoryBeyondAsciiIsUtf8) {
+  const auto before = std::filesystem::current_path();
+  const auto directory = std::filesystem::temp_directory_path() /
+                         orbtest::pathOf("orb_папка_😀_" + std::to_string(getpid()));
+  std::filesystem::create_directory(directory);
+  std::filesystem::current_path(directory);
+  const std::string expected = currentDirectory();
+  std::vector<char> buffer(expected.size() + 2, '?');
+  EXPECT_EQ(orbCompatGetcwd(buffer.data(), static_cast<int64_t>(expected.size())), 0);
+  EXPECT_EQ(std::string(buffer.data()), expected);
+  EXPECT_NE(expected.find("orb_папка_😀_"), std::string::npos);
+  EXPECT_EQ(buffer.back(), '?');
+  EXPECT_EQ(orbCompatGetcwd(buffer.data(), static_cast<int64_t>(expected.size()) - 1), -1);
+  std::filesystem::current_path(before);
+  std::filesystem::remove(directory);
+}
+
+#if !defined(_WIN32)  // where a current directory cannot be removed
 TEST(CompatGetcwd, ADirectoryThatIsGoneFails) {
   const auto before = std::filesystem::current_path();
   const auto directory =
@@ -65,7 +89,22 @@ TEST(CompatGetcwd, ADirectoryThatIsGoneFails) {
   EXPECT_EQ(orbCompatGetcwd(buffer, sizeof buffer - 1), -1);
   std::filesystem::current_path(before);
 }
+#endif
 
+#if defined(_WIN32)
+TEST(CompatIsatty, IsTheRuntimeLibrarysAnswer) {
+  const int device = open("NUL", O_RDWR);
+  ASSERT_GE(device, 0);
+  EXPECT_EQ(orbCompatIsatty(device), _isatty(device));
+  close(device);
+  int ends[2];
+  ASSERT_EQ(_pipe(ends, 16, O_BINARY), 0);
+  EXPECT_EQ(orbCompatIsatty(ends[0]), 0);
+  EXPECT_EQ(orbCompatIsatty(ends[1]), 0);
+  close(ends[0]);
+  close(ends[1]);
+}
+#else
 TEST(CompatIsatty, TellsTerminalsFromOtherDescriptors) {
   const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
   ASSERT_GE(terminal, 0);
@@ -78,6 +117,7 @@ TEST(CompatIsatty, TellsTerminalsFromOtherDescriptors) {
   close(ends[0]);
   close(ends[1]);
 }
+#endif
 
 TEST(CompatIsatty, ADescriptorThatIsNotOpenIsNoTerminal) {
   EXPECT_EQ(orbCompatIsatty(-1), 0);
@@ -95,6 +135,7 @@ TEST(CompatSleepMs, OnlyTheLow32BitsCount) {
   EXPECT_LT(slept, 5000.0);
 }
 
+#if !defined(_WIN32)
 TEST(CompatSleepMs, ASignalDoesNotShortenIt) {
   struct sigaction action = {};
   struct sigaction before = {};
@@ -107,5 +148,6 @@ TEST(CompatSleepMs, ASignalDoesNotShortenIt) {
   setitimer(ITIMER_REAL, &none, nullptr);
   sigaction(SIGALRM, &before, nullptr);
 }
+#endif
 
 }  // namespace
