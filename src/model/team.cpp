@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <exception>
 
+#include "compat/address_wait.h"
+
 namespace qwen35 {
 namespace {
 
@@ -21,8 +23,12 @@ uint32_t awaitChange(const std::atomic<uint32_t>& value, uint32_t old) {
     if (now != old) return now;
     _mm_pause();
   }
-  value.wait(old, std::memory_order_acquire);
-  return value.load(std::memory_order_acquire);
+  uint32_t now = old;
+  while (now == old) {
+    compat::waitWhile(value, old);
+    now = value.load(std::memory_order_acquire);
+  }
+  return now;
 }
 
 }  // namespace
@@ -49,7 +55,7 @@ void Team::runErased(const Callable& body) {
       }
       over_.store(true, std::memory_order_relaxed);
       jobNumber_.fetch_add(1, std::memory_order_release);
-      jobNumber_.notify_all();
+      compat::wakeAll(jobNumber_);
     }
   }
   departed_.load(std::memory_order_acquire);
@@ -80,7 +86,7 @@ void Team::publish(size_t pieces, const Callable& body) {
     shares_[t].endAndNext.store(end << 32 | first, std::memory_order_release);
   }
   jobNumber_.fetch_add(1, std::memory_order_release);
-  jobNumber_.notify_all();
+  compat::wakeAll(jobNumber_);
 }
 
 void Team::takePieces(size_t self) {
@@ -96,7 +102,7 @@ void Team::takePieces(size_t self) {
       // The claim holds the job open, so job_ is the one that the piece belongs to even when this
       // thread slept through the end of an earlier one.
       job_.call(job_.context, piece, self);
-      if (unfinished_.fetch_sub(1, std::memory_order_acq_rel) == 1) unfinished_.notify_one();
+      if (unfinished_.fetch_sub(1, std::memory_order_acq_rel) == 1) compat::wakeOne(unfinished_);
     }
   }
 }

@@ -41,6 +41,14 @@ bool makeFolder(const std::string& path) {
 #endif
 }
 
+void removeFolder(const std::string& path) {
+#if defined(_WIN32)
+  RemoveDirectoryW(systemPath(path).c_str());
+#else
+  fs::remove(path);
+#endif
+}
+
 class PathTest : public testing::Test {
  protected:
   PathTest() {
@@ -50,11 +58,11 @@ class PathTest : public testing::Test {
     EXPECT_TRUE(makeFolder(root_));
   }
   ~PathTest() override {
-    std::error_code ignored;
+    for (const std::string& file : files_) platform::removeFile(file);
     for (auto folder = folders_.rbegin(); folder != folders_.rend(); ++folder) {
-      fs::remove_all(systemPath(*folder), ignored);
+      removeFolder(*folder);
     }
-    fs::remove_all(systemPath(root_), ignored);
+    removeFolder(root_);
   }
 
   // A folder below the one made before.
@@ -64,7 +72,8 @@ class PathTest : public testing::Test {
     return folders_.back();
   }
 
-  static void write(const std::string& path) {
+  void write(const std::string& path) {
+    files_.push_back(path);
     const std::vector<uint8_t> content = ContainerBuilder().tokenizer({}).build();
     std::FILE* file = platform::createFile(path);
     ASSERT_NE(file, nullptr) << path;
@@ -85,6 +94,7 @@ class PathTest : public testing::Test {
 
   std::string root_;
   std::vector<std::string> folders_;
+  std::vector<std::string> files_;
 };
 
 TEST_F(PathTest, SpacesAreNothingSpecial) { expectOpens(folder("a b  c") + "/my model .orb"); }

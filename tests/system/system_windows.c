@@ -2,6 +2,7 @@
 /* After it, which they need. */
 #include <psapi.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 #include <tlhelp32.h>
 
@@ -21,9 +22,41 @@ int allThreads(void) {
   return count;
 }
 
+/* Every handle of every process, as the system's own tools list them: the documented count of one
+ * process is always 0 under emulators. */
+typedef struct HandleEntry {
+  void* object;
+  ULONG_PTR process;
+  ULONG_PTR handle;
+  ULONG access, unused1, attributes, unused2;
+} HandleEntry;
+
+typedef struct HandleList {
+  ULONG_PTR count, unused;
+  HandleEntry entries[1];
+} HandleList;
+
+typedef LONG(WINAPI* QueryFunction)(int kind, void* out, ULONG size, ULONG* needed);
+
 int openFileCount(void) {
-  DWORD handles = 0;
-  return GetProcessHandleCount(GetCurrentProcess(), &handles) ? (int)handles : -1;
+  enum { kExtendedHandles = 64 };
+  const FARPROC address = GetProcAddress(GetModuleHandleW(L"ntdll"), "NtQuerySystemInformation");
+  QueryFunction query;
+  ULONG size = 1 << 20;
+  HandleList* list = malloc(size);
+  int count = 0;
+  ULONG_PTR i;
+  memcpy(&query, &address, sizeof address);
+  while (query(kExtendedHandles, list, size, NULL) != 0) {
+    size *= 2;
+    list = size < (1u << 28) ? realloc(list, size) : NULL;
+    if (list == NULL) return -1;
+  }
+  for (i = 0; i < list->count; ++i) {
+    count += list->entries[i].process == GetCurrentProcessId();
+  }
+  free(list);
+  return count;
 }
 
 /* Committed memory: what is resident is up to the system, and reserved caches are neither. */
