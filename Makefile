@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 export CTEST_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test race fuzz soak validate bench format clean
+.PHONY: help demo test race fuzz soak validate bench windows dist format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
@@ -13,8 +13,10 @@ help:
 	@echo 'make soak     SOAK_TURNS turns (10000) on the demo model; memory must not grow'
 	@echo 'make validate the plug-in against the rules of the C interface'
 	@echo 'make bench    measure the demo model and the kernels on this machine'
+	@echo 'make windows  build for 64-bit Windows: dist/orb-qwen35-windows-x64.zip'
+	@echo 'make dist     the same for this system: dist/orb-qwen35-linux-x64.tar.gz'
 	@echo 'make format   format the sources in place'
-	@echo 'make clean    remove build/'
+	@echo 'make clean    remove build/ and dist/'
 	@echo
 	@echo 'JOBS=n        build and test with n processes (now $(JOBS))'
 
@@ -45,8 +47,14 @@ validate:
 bench:
 	@scripts/bench.sh
 
+windows:
+	@scripts/package.sh windows
+
+dist:
+	@scripts/package.sh linux
+
 format:
 	@scripts/check_format.sh --fix
 
 clean:
-	rm -rf build
+	rm -rf build dist

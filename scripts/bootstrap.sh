@@ -1,13 +1,18 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that the project needs and that are not there yet.
-#   bootstrap.sh        to build and run
-#   bootstrap.sh all    to test and measure as well
+#   bootstrap.sh            to build and run
+#   bootstrap.sh all        to test and measure as well
+#   bootstrap.sh windows    to build for Windows
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev libedit-dev)
+if [[ ${1:-} == all || ${1:-} == windows ]]; then
+  packages+=(g++-mingw-w64-x86-64-posix)
+fi
 if [[ ${1:-} == all ]]; then
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 python3-numpy
-    git clang clang-format clang-tidy libclang-rt-dev libomp-dev)
+    git clang clang-format clang-tidy libclang-rt-dev libomp-dev
+    googletest wine wine64)
 fi
 
 fail() {

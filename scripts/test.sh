@@ -31,7 +31,11 @@ run_tests() {
     return 1
   }
   grep -E 'tests passed' "$log"
-  closing+=("$1: $(grep -E 'tests passed' "$log")")
+  # Where a program is one test, its cases are told as well.
+  local cases
+  cases=$(sed -nE 's/^\[==========\] ([0-9]+) tests? from .* ran.*/\1/p' \
+    "build/$1/Testing/Temporary/LastTest.log" | awk '{ n += $1 } END { print n + 0 }')
+  closing+=("$1: $(grep -E 'tests passed' "$log") ($cases cases counted inside them)")
 }
 closing=()
 

@@ -8,7 +8,8 @@
 
 static inline int setenv(const char* name, const char* value, int overwrite) {
   if (!overwrite && getenv(name) != NULL) return 0;
-  return _putenv_s(name, value);
+  /* An empty value would remove the variable; a blank is the next to it. */
+  return _putenv_s(name, value[0] != '\0' ? value : " ");
 }
 
 static inline int unsetenv(const char* name) { return _putenv_s(name, ""); }

@@ -45,7 +45,7 @@ void* openLibrary(const std::string& path, std::string& error) {
   }
   void* library = LoadLibraryExW(
       full, nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS | LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR);
-  if (library == nullptr) error = systemMessage(GetLastError());
+  if (library == nullptr) error = path + ": " + systemMessage(GetLastError());
   return library;
 }
 

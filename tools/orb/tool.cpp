@@ -27,6 +27,8 @@ int finish(int exitCode) {
 int runTool(int argc, char** argv) {
   CLI::App app("Runs Qwen3.5 hybrid models (.orb) on the CPU, through the runtime plug-in.", "orb");
   app.set_version_flag("--version", "orb " ORB_VERSION);
+  // A slash begins a path everywhere.
+  app.allow_windows_style_options(false);
   app.require_subcommand(1);
   app.footer(
       "orb COMMAND --help shows the options and examples of a command.\n"
