@@ -3,7 +3,7 @@ JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 export CTEST_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test race fuzz soak validate bench windows dist format clean
+.PHONY: help demo test race fuzz soak validate bench windows test-windows dist format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
@@ -14,6 +14,7 @@ help:
 	@echo 'make validate the plug-in against the rules of the C interface'
 	@echo 'make bench    measure the demo model and the kernels on this machine'
 	@echo 'make windows  build for 64-bit Windows: dist/orb-qwen35-windows-x64.zip'
+	@echo 'make test-windows  the tests of that build under wine'
 	@echo 'make dist     the same for this system: dist/orb-qwen35-linux-x64.tar.gz'
 	@echo 'make format   format the sources in place'
 	@echo 'make clean    remove build/ and dist/'
@@ -49,6 +50,12 @@ bench:
 
 windows:
 	@scripts/package.sh windows
+
+test-windows:
+	@scripts/bootstrap.sh windows
+	cmake --preset windows -DORB_BUILD_TESTS=ON >/dev/null && cmake --build --preset windows
+	ctest --preset windows
+	@scripts/run_windows.sh --stop
 
 dist:
 	@scripts/package.sh linux

@@ -2,17 +2,16 @@
 # Installs the Debian packages that the project needs and that are not there yet.
 #   bootstrap.sh            to build and run
 #   bootstrap.sh all        to test and measure as well
-#   bootstrap.sh windows    to build for Windows
+#   bootstrap.sh windows    to build for Windows and test that under wine
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev libedit-dev)
-if [[ ${1:-} == all || ${1:-} == windows ]]; then
-  packages+=(g++-mingw-w64-x86-64-posix)
+if [[ ${1:-} == windows ]]; then
+  packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64 python3 python3-numpy)
 fi
 if [[ ${1:-} == all ]]; then
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 python3-numpy
-    git clang clang-format clang-tidy libclang-rt-dev libomp-dev
-    googletest wine wine64)
+    git clang clang-format clang-tidy libclang-rt-dev libomp-dev)
 fi
 
 fail() {

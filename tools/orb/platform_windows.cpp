@@ -51,6 +51,15 @@ std::string executableFolder() {
 
 const char* pluginFileName() { return "liborb_runtime_qwen35.dll"; }
 
+const char* evalModuleFileName() { return "liborb_eval.dll"; }
+
+void* findInLibrary(const std::string& library, const char* function) {
+  std::wstring wide;
+  if (!compat::toWidePath(library, wide)) return nullptr;
+  const HMODULE module = LoadLibraryW(wide.c_str());
+  return module == nullptr ? nullptr : reinterpret_cast<void*>(GetProcAddress(module, function));
+}
+
 void setEnvironment(const char* name, const std::string& value) { _putenv_s(name, value.c_str()); }
 
 uint64_t peakMemoryBytes() {
