@@ -107,10 +107,16 @@ struct Vector {
   static float total(Float v) { return qwen35::total(v); }
 };
 
-// Byte b of every lane as a float that is too large by 2^(8b), the highest one as it is.
+// Byte b of every lane, less kCentre, as a float that is too large by 2^(8b), the highest one as it
+// is.
+template <int kCentre>
 inline __m256 byteOfLanes(__m256i lanes, size_t b) {
-  return _mm256_cvtepi32_ps(b == 3 ? _mm256_srli_epi32(lanes, 24)
-                                   : _mm256_and_si256(lanes, _mm256_set1_epi32(0xff << (8 * b))));
+  lanes = b == 3 ? _mm256_srli_epi32(lanes, 24)
+                 : _mm256_and_si256(lanes, _mm256_set1_epi32(0xff << (8 * b)));
+  if constexpr (kCentre != 0) {
+    lanes = _mm256_sub_epi32(lanes, _mm256_set1_epi32(b == 3 ? kCentre : kCentre << (8 * b)));
+  }
+  return _mm256_cvtepi32_ps(lanes);
 }
 constexpr size_t byteShift(size_t b) { return b == 3 ? 0 : 8 * b; }
 
@@ -124,19 +130,18 @@ inline __m256i join(__m256i a, int mask, __m256i b, int other) {
 // sub-blocks 2c and 2c + 1; group 2q + g holds sub-blocks 4q + g and 4q + 2 + g, four lanes each.
 struct SubBlocks {
   static constexpr size_t kGroups = 4;
-  static constexpr size_t kSums = 8;
+  static constexpr size_t kMinimums = 8;
 
-  static constexpr size_t kFirstSum = 0;
-  static constexpr float kCentre = -1;
+  static constexpr size_t kFirstMinimum = 0;
 
   __m256 scales;
-  __m256 minimums;
+  __m256 lows;  // d * scale and dmin * minimum of each sub-block
 
   explicit SubBlocks(const uint8_t* block) {
     const __m128i codes = subBlockCodes(block);
     const __m128 factors = superScales(block);
     scales = scaled(codes, _mm256_broadcastss_ps(factors));
-    minimums = scaled(_mm_srli_si128(codes, 8), _mm256_broadcastss_ps(_mm_movehdup_ps(factors)));
+    lows = scaled(_mm_srli_si128(codes, 8), _mm256_broadcastss_ps(_mm_movehdup_ps(factors)));
   }
   __m256 scale(size_t group) const {
     const int first = static_cast<int>(group / 2 * 4 + group % 2);
@@ -144,7 +149,7 @@ struct SubBlocks {
     return _mm256_permutevar8x32_ps(
         scales, _mm256_setr_epi32(first, first, first, first, last, last, last, last));
   }
-  __m256 offset(size_t) const { return minimums; }
+  __m256 minimums(size_t) const { return lows; }
 
   // Byte b of half v of the chunks of the group, lane 4 * (chunk of the two) + i.
   static constexpr size_t element(size_t group, size_t v, size_t b, size_t lane) {
@@ -208,7 +213,7 @@ struct Q5k : SubBlocks {
   static constexpr Place place(size_t j, size_t lane) {
     return {element(j / 8, j % 8 / 4, j % 4, lane), byteShift(j % 4)};
   }
-  __m256 codes(size_t j) const { return byteOfLanes(bytes(j / 8, j % 8 / 4), j % 4); }
+  __m256 codes(size_t j) const { return byteOfLanes<0>(bytes(j / 8, j % 8 / 4), j % 4); }
 
  private:
   // Bit 2c + g of each byte of qh is the fifth bit of sub-block 2c + g; it goes to bit 4.
@@ -230,9 +235,8 @@ struct Q6k {
   using Vector = qwen35::Vector;
   static constexpr size_t kBytes = 210;
   static constexpr size_t kGroups = 8;
-  static constexpr size_t kSums = 16;
-  static constexpr size_t kFirstSum = 0;
-  static constexpr float kCentre = -32;
+  static constexpr size_t kMinimums = 0;
+  static constexpr size_t kFirstMinimum = 0;
   static constexpr size_t kRowsAtOnce = 4;
 
   const uint8_t* block;
@@ -246,14 +250,13 @@ struct Q6k {
   static constexpr Place place(size_t j, size_t lane) {
     return {32 * (j / 4) + 4 * lane + j % 4, byteShift(j % 4)};
   }
-  __m256 codes(size_t j) const { return byteOfLanes(bytes(j / 4), j % 4); }
+  __m256 codes(size_t j) const { return byteOfLanes<32>(bytes(j / 4), j % 4); }
   __m256 scale(size_t group) const {
     const int first = static_cast<int>(2 * group % 8);
     const int last = first + 1;
     return _mm256_permutevar8x32_ps(
         scales[group / 4], _mm256_setr_epi32(first, first, first, first, last, last, last, last));
   }
-  __m256 offset(size_t i) const { return scales[i]; }
 
  private:
   // Quarter `part` of half h: bits 2 part and 2 part + 1 of qh go to bits 4 and 5.

@@ -103,10 +103,16 @@ struct Vector {
   static float total(Float v) { return _mm512_reduce_add_ps(v); }
 };
 
-// Byte b of every lane as a float that is too large by 2^(8b), the highest one as it is.
+// Byte b of every lane, less kCentre, as a float that is too large by 2^(8b), the highest one as it
+// is.
+template <int kCentre>
 inline __m512 byteOfLanes(__m512i lanes, size_t b) {
-  return _mm512_cvtepi32_ps(b == 3 ? _mm512_srli_epi32(lanes, 24)
-                                   : _mm512_and_si512(lanes, _mm512_set1_epi32(0xff << (8 * b))));
+  lanes = b == 3 ? _mm512_srli_epi32(lanes, 24)
+                 : _mm512_and_si512(lanes, _mm512_set1_epi32(0xff << (8 * b)));
+  if constexpr (kCentre != 0) {
+    lanes = _mm512_sub_epi32(lanes, _mm512_set1_epi32(b == 3 ? kCentre : kCentre << (8 * b)));
+  }
+  return _mm512_cvtepi32_ps(lanes);
 }
 constexpr size_t byteShift(size_t b) { return b == 3 ? 0 : 8 * b; }
 
@@ -119,9 +125,8 @@ inline __m512i select(__m512i mask, __m512i a, __m512i b) {
 // group g, four lanes each.
 struct SubBlocks {
   static constexpr size_t kGroups = 2;
-  static constexpr size_t kSums = 8;
-  static constexpr size_t kFirstSum = 8;
-  static constexpr float kCentre = -1;
+  static constexpr size_t kMinimums = 8;
+  static constexpr size_t kFirstMinimum = 8;
 
   __m512 scales;  // lanes 0-7; minimums in lanes 8-15
 
@@ -136,7 +141,7 @@ struct SubBlocks {
     const __m512i odd = _mm512_setr_epi32(1, 1, 1, 1, 3, 3, 3, 3, 5, 5, 5, 5, 7, 7, 7, 7);
     return _mm512_permutexvar_ps(group == 0 ? even : odd, scales);
   }
-  __m512 offset(size_t) const { return scales; }
+  __m512 minimums(size_t) const { return scales; }
 
   // Byte b of half v (16 bytes of the 32 that sub-blocks 2c and 2c + 1 share), lane 4c + i.
   static constexpr size_t element(size_t group, size_t v, size_t b, size_t lane) {
@@ -199,7 +204,7 @@ struct Q5k : SubBlocks {
   static constexpr Place place(size_t j, size_t lane) {
     return {element(j / 8, j % 8 / 4, j % 4, lane), byteShift(j % 4)};
   }
-  __m512 codes(size_t j) const { return byteOfLanes(bytes[j / 8][j % 8 / 4], j % 4); }
+  __m512 codes(size_t j) const { return byteOfLanes<0>(bytes[j / 8][j % 8 / 4], j % 4); }
 
  private:
   static __m512i join(__m512i nibbles, __m512i fifthAtBit4) {
@@ -213,9 +218,8 @@ struct Q6k {
   using Vector = qwen35::Vector;
   static constexpr size_t kBytes = 210;
   static constexpr size_t kGroups = 4;
-  static constexpr size_t kSums = 16;
-  static constexpr size_t kFirstSum = 0;
-  static constexpr float kCentre = -32;
+  static constexpr size_t kMinimums = 0;
+  static constexpr size_t kFirstMinimum = 0;
   static constexpr size_t kRowsAtOnce = 4;
 
   __m512i bytes[kGroups];
@@ -237,13 +241,12 @@ struct Q6k {
   static constexpr Place place(size_t j, size_t lane) {
     return {64 * (j / 4) + 4 * lane + j % 4, byteShift(j % 4)};
   }
-  __m512 codes(size_t j) const { return byteOfLanes(bytes[j / 4], j % 4); }
+  __m512 codes(size_t j) const { return byteOfLanes<32>(bytes[j / 4], j % 4); }
   __m512 scale(size_t group) const {
     const __m512i first = _mm512_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3);
     const __m512i lanes = _mm512_add_epi32(first, _mm512_set1_epi32(static_cast<int>(4 * group)));
     return _mm512_permutexvar_ps(lanes, scales);
   }
-  __m512 offset(size_t) const { return scales; }
 
  private:
   static __m512i halves(int low, int high) {

@@ -6,12 +6,11 @@
 // brought into the codes' order once for all rows, every element divided by its power of two, which
 // is exact. Elements of sub-blocks that lie in the same lanes form a group:
 //
-//   row . x = sum over blocks of  offsets . sums  +  sum over groups of  scales . (codes . x)
+//   row . x = sum over blocks of  sum over groups of  scales . (codes . x)  -  minimums . sums
 //
-// where the offsets stand for the minimum (Q4_K, Q5_K) or the centre (Q6_K) of each sub-block, to
-// be multiplied by the sums of its inputs. Every (row, token) pair has one accumulator that takes
-// these terms in order, in products of one token and of a batch alike, so that the bits are the
-// same.
+// where the sums are those of each sub-block's inputs. Every (row, token) pair has one accumulator
+// that takes these terms in order, in products of one token and of a batch alike, so that the bits
+// are the same.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
@@ -20,15 +19,14 @@
 //     using Vector = ...;                    // register type and its few operations, see below
 //     static constexpr size_t kBytes;        // of a block in the file
 //     static constexpr size_t kGroups;       // groups of equal numbers of registers
-//     static constexpr size_t kSums;         // sub-blocks: 8 or 16, in element order
-//     static constexpr size_t kFirstSum;     // lane of the first sub-block's offset
-//     static constexpr float kCentre;        // factor of the sums: what offset() leaves out
+//     static constexpr size_t kMinimums;      // sub-blocks with a minimum, in element order
+//     static constexpr size_t kFirstMinimum;  // lane of the first of them
 //     static constexpr size_t kRowsAtOnce;   // rows that fit the register file
 //     static constexpr Place place(size_t j, size_t lane);  // which input register j multiplies
 //     explicit Block(const uint8_t* bytes);
 //     Float codes(size_t j) const;           // j < kRegisters, group by group
 //     Float scale(size_t group) const;
-//     Float offset(size_t i) const;          // i < kOffsets
+//     Float minimums(size_t i) const;        // i < kOffsets; registers of them
 //   };
 #pragma once
 
@@ -84,20 +82,14 @@ struct KProducts {
   static constexpr size_t kElements = 256;
   static constexpr size_t kRegisters = kElements / kWidth;
   static constexpr size_t kPerGroup = kRegisters / Block::kGroups;
-  static constexpr size_t kOffsets = (Block::kFirstSum + Block::kSums + kWidth - 1) / kWidth;
+  static constexpr size_t kOffsets =
+      Block::kMinimums == 0 ? 0 : (Block::kFirstMinimum + Block::kMinimums) / kWidth;
 
   static void arrange(const float* x, size_t cols, float* out) {
     static constexpr Order kOrder;
     for (; cols >= kElements; cols -= kElements, x += kElements, out += kArrangedBlock) {
       for (size_t i = 0; i < kElements; ++i) out[i] = x[kOrder.element[i]] * kOrder.factor[i];
-      constexpr size_t kPart = kElements / Block::kSums;
-      float* sums = out + kElements;
-      for (size_t s = 0; s < kArrangedBlock - kElements; ++s) sums[s] = 0;
-      for (size_t s = 0; s < Block::kSums; ++s) {
-        float sum = 0;
-        for (size_t i = 0; i < kPart; ++i) sum += x[s * kPart + i];
-        sums[Block::kFirstSum + s] = Block::kCentre * sum;
-      }
+      sumParts(x, out + kElements);
     }
   }
 
@@ -137,6 +129,19 @@ struct KProducts {
     }
   };
 
+  // Minus the sums of the inputs of each sub-block, in the lanes of its minimum.
+  static void sumParts(const float* x, float* out) {
+    for (size_t s = 0; s < kArrangedBlock - kElements; ++s) out[s] = 0;
+    if constexpr (Block::kMinimums != 0) {
+      constexpr size_t kPart = kElements / Block::kMinimums;
+      for (size_t s = 0; s < Block::kMinimums; ++s) {
+        float sum = 0;
+        for (size_t i = 0; i < kPart; ++i) sum += x[s * kPart + i];
+        out[Block::kFirstMinimum + s] = -sum;
+      }
+    }
+  }
+
   // y[r] += row r . x for kRows rows that share every load of x.
   template <size_t kRows>
   static void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
@@ -171,11 +176,15 @@ struct KProducts {
   template <size_t kRows>
   [[gnu::always_inline]] static void addBlocks(const Block (&blocks)[kRows], const float* x,
                                                Float (&acc)[kRows]) {
+    if constexpr (kOffsets != 0) {
 #pragma GCC unroll 2
-    for (size_t i = 0; i < kOffsets; ++i) {
-      const Float sums = Vector::load(x + kElements + i * kWidth);
+      for (size_t i = 0; i < kOffsets; ++i) {
+        const Float sums = Vector::load(x + kElements + i * kWidth);
 #pragma GCC unroll 4
-      for (size_t r = 0; r < kRows; ++r) acc[r] = Vector::fma(blocks[r].offset(i), sums, acc[r]);
+        for (size_t r = 0; r < kRows; ++r) {
+          acc[r] = Vector::fma(blocks[r].minimums(i), sums, acc[r]);
+        }
+      }
     }
 #pragma GCC unroll 8
     for (size_t g = 0; g < Block::kGroups; ++g) {
@@ -203,8 +212,10 @@ struct KProducts {
 
   static void decode(const uint8_t* bytes, float* out) {
     const Block block(bytes);
+    if constexpr (kOffsets != 0) {
 #pragma GCC unroll 2
-    for (size_t i = 0; i < kOffsets; ++i, out += kWidth) Vector::store(out, block.offset(i));
+      for (size_t i = 0; i < kOffsets; ++i, out += kWidth) Vector::store(out, block.minimums(i));
+    }
 #pragma GCC unroll 8
     for (size_t g = 0; g < Block::kGroups; ++g) {
       Vector::store(out, block.scale(g));
