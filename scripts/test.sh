@@ -46,7 +46,6 @@ part "release tests" run_tests release
 part "lint" scripts/check_tidy.sh
 part "asan-ubsan build" build asan-ubsan
 part "asan-ubsan tests" run_tests asan-ubsan
-part "fuzz targets, 20 s each" env FUZZ_SECONDS=20 scripts/fuzz.sh
 
 echo
 printf '%s\n' "${summary[@]}" "${closing[@]}"
