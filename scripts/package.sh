@@ -8,12 +8,12 @@ case ${1:-} in
   windows)
     preset=windows packages=windows archive=orb-qwen35-windows-x64.zip
     strip=x86_64-w64-mingw32-strip program=orb.exe
-    libraries=(liborb_runtime_qwen35.dll)
+    libraries=(liborb_runtime_qwen35.dll liborb_eval.dll)
     ;;
   linux)
     preset=release packages='' archive=orb-qwen35-linux-x64.tar.gz
     strip=strip program=orb
-    libraries=(liborb_runtime_qwen35.so)
+    libraries=(liborb_runtime_qwen35.so liborb_eval.so)
     ;;
   *)
     echo "usage: package.sh windows|linux" >&2

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "compat/export.h"
 #include "format/loader.h"
 #include "model/forward.h"
 #include "model/model.h"
@@ -133,7 +134,7 @@ std::string evaluate(const OrbEvalRequest& request, OrbEvalResult& result) {
 
 }  // namespace
 
-int orbEvaluate(const OrbEvalRequest* request, OrbEvalResult* result) {
+ORB_API int orbEvaluate(const OrbEvalRequest* request, OrbEvalResult* result) {
   *result = {};
   std::string error;
   try {
