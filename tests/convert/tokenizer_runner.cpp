@@ -7,7 +7,15 @@
 #include "format/loader.h"
 #include "tokenizer/tokenizer.h"
 
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#endif
+
 int main(int argc, char** argv) {
+#if defined(_WIN32)
+  for (const int stream : {0, 1}) _setmode(stream, _O_BINARY);
+#endif
   kiv::ORBLoader loader;
   kiv::Tokenizer tokenizer;
   if (argc != 2 || !loader.open(argv[1]).ok() ||
