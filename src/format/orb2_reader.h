@@ -179,7 +179,8 @@ class ORB_API ORB2Reader {
 
   const orb2::FileHeader& header() const { return header_; }
   const std::vector<orb2::QuantInfoRecord>& quantInfo() const { return quantInfo_; }
-  // False on a closed reader and when the file has become shorter than what is mapped.
+  // False on a closed reader, and when the file has become shorter than what is mapped or can no
+  // longer be asked.
   bool holdsMapping() const;
   const uint8_t* mapping() const { return base_; }
   uint64_t mappingSize() const { return length_; }

@@ -10,8 +10,8 @@ namespace kiv::platform {
 // Descriptor of the file opened for reading, or -1.
 int openForReading(const char* path);
 
-// False when the size cannot be told.
-bool fileSize(int fd, int64_t& size);
+// In bytes; -1 when it cannot be told.
+int64_t fileSize(int fd);
 
 void closeDescriptor(int fd);
 

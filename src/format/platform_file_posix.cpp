@@ -12,11 +12,9 @@ int openForReading(const char* path) {
   return open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
 }
 
-bool fileSize(int fd, int64_t& size) {
+int64_t fileSize(int fd) {
   struct stat info;
-  if (fstat(fd, &info) != 0) return false;
-  size = info.st_size;
-  return true;
+  return fstat(fd, &info) == 0 ? int64_t{info.st_size} : -1;
 }
 
 void closeDescriptor(int fd) { close(fd); }

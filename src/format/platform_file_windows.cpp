@@ -45,11 +45,9 @@ int openForReading(const char* path) {
   return compat::toWidePath(path, wide) ? _wopen(wide.c_str(), kFlags) : _open(path, kFlags);
 }
 
-bool fileSize(int fd, int64_t& size) {
+int64_t fileSize(int fd) {
   struct __stat64 info;
-  if (_fstat64(fd, &info) != 0) return false;
-  size = info.st_size;
-  return true;
+  return _fstat64(fd, &info) == 0 ? int64_t{info.st_size} : -1;
 }
 
 void closeDescriptor(int fd) { _close(fd); }

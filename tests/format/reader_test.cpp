@@ -1,5 +1,7 @@
 // An opened container: sections, tensor index, quantization info, file size, life cycle.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -171,6 +173,35 @@ TEST(ReaderTest, OpenReplacesWhatWasOpen) {
   EXPECT_FALSE(opened.reader.open("/nonexistent").ok());
   EXPECT_FALSE(opened.reader.opened());
 }
+
+// ---------------------------------------------------------------------- whether the file is there
+
+TEST(HoldsMappingTest, IsSaidOfAnOpenFileThatIsLongEnough) {
+  const Opened opened(abc().build());
+  EXPECT_TRUE(opened.reader.holdsMapping());
+  EXPECT_FALSE(ORB2Reader().holdsMapping());
+}
+
+#if !defined(_WIN32)  // where a mapped file can't be cut
+TEST(HoldsMappingTest, IsNotSaidOfAFileThatLostItsLastByte) {
+  const File bytes = abc().build();
+  const Opened opened(bytes);
+  opened.file.resize(bytes.size() - 1);
+  EXPECT_FALSE(opened.reader.holdsMapping());
+  opened.file.resize(bytes.size());
+  EXPECT_TRUE(opened.reader.holdsMapping());
+}
+
+// As hosts do that close every descriptor before they go into the background.
+TEST(HoldsMappingTest, IsNotSaidOnceTheHostClosedTheDescriptor) {
+  const int next = open("/dev/null", O_RDONLY);
+  close(next);
+  const Opened opened(abc().build());
+  ASSERT_TRUE(opened.reader.holdsMapping());
+  close(next);
+  EXPECT_FALSE(opened.reader.holdsMapping());
+}
+#endif
 
 TEST(FindTensorTest, FindsExactNamesOnly) {
   const Opened opened(abc().build());

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #if !defined(_WIN32)
+#include <sys/mman.h>
 #include <sys/resource.h>
 #endif
 
@@ -20,6 +21,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using orbtest::peek;
+
+// What a caller does not look at: finish() must report it.
+void drop(const Status&) {}
 
 // A writer on a path in a directory of its own.
 class WriterTest : public testing::Test {
@@ -83,6 +87,8 @@ TEST_F(WriterTest, WhatIsWrittenIsReadBack) {
   writer_.setMeta("u32", uint32_t{7});
   writer_.setMeta("u64", uint64_t{1} << 40);
   writer_.setMeta("f32", 0.5f);
+  writer_.setMeta("i32", int32_t{-7});
+  writer_.setMeta("list", std::vector<uint32_t>{1, 2, 4000000000});
   writer_.setHeaderWords(1, 2, 3);
   writer_.setTokenizer(tokenizer);
   writer_.setText("free");
@@ -108,14 +114,21 @@ TEST_F(WriterTest, WhatIsWrittenIsReadBack) {
   uint32_t u32 = 0;
   uint64_t u64 = 0;
   float f32 = 0;
+  int32_t i32 = 0;
+  const uint32_t* list = nullptr;
+  uint64_t length = 0;
   EXPECT_TRUE(loader.reader.getMetaStr("general.architecture", architecture));
   EXPECT_TRUE(loader.reader.getMetaU32("u32", u32));
   EXPECT_TRUE(loader.reader.getMetaU64("u64", u64));
   EXPECT_TRUE(loader.reader.getMetaF32("f32", f32));
+  EXPECT_TRUE(loader.reader.getMetaI32("i32", i32));
+  ASSERT_TRUE(loader.reader.getMetaU32Array("list", list, length));
   EXPECT_EQ(architecture, "qwen35");
   EXPECT_EQ(u32, 7u);
   EXPECT_EQ(u64, uint64_t{1} << 40);
   EXPECT_EQ(f32, 0.5f);
+  EXPECT_EQ(i32, -7);
+  EXPECT_EQ(std::vector<uint32_t>(list, list + length), (std::vector<uint32_t>{1, 2, 4000000000}));
 
   const TensorView* b = loader.findTensor("b");
   ASSERT_NE(b, nullptr);
@@ -282,6 +295,11 @@ class FullDiskTest : public WriterTest {
     small.rlim_cur = 100'000;
     setrlimit(RLIMIT_FSIZE, &small);
   }
+  void setSpace(uint64_t bytes) const {
+    rlimit space = limit_;
+    space.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &space);
+  }
   ~FullDiskTest() override {
     setrlimit(RLIMIT_FSIZE, &limit_);
     signal(SIGXFSZ, old_);
@@ -318,7 +336,71 @@ TEST_F(FullDiskTest, WhatIsStillBufferedFailsAtTheEnd) {
   expectFull(finished);
   EXPECT_EQ(filesLeft(), Names{});
 }
+
+// Parts longer than what is buffered, so that each of them is where the disk may be full.
+TEST_F(FullDiskTest, WhereverTheSpaceEndsTheModelIsWholeOrNotThere) {
+  TokenizerData tokenizer;
+  tokenizer.model = std::string(9000, 'm');
+  const std::vector<float> values(1001);
+  uint64_t whole = 0;
+  for (uint64_t space = 0; whole == 0; space += 500) {
+    setSpace(space);
+    drop(writer_.open(path_, false));
+    drop(addFloats("a", values));
+    drop(addFloats("b", values));
+    writer_.setMeta("long", std::string(9000, 'v'));
+    writer_.setTokenizer(tokenizer);
+    writer_.setText(std::string(9000, 't'));
+    for (int i = 0; i < 100; ++i) drop(writer_.addAlias("alias" + std::to_string(i), "a"));
+    const Status finished = writer_.finish();
+    if (finished.ok()) {
+      whole = fs::file_size(path_);
+      EXPECT_GT(whole + 500, space);
+      EXPECT_LE(whole, space);
+    } else {
+      expectFull(finished);
+      EXPECT_EQ(filesLeft(), Names{}) << space;
+    }
+  }
+  ORBLoader loader;
+  EXPECT_EQ(loader.open(path_.c_str()).message, "");
+}
+
+TEST_F(WriterTest, ADiskThatLosesTheDataIsReported) {
+  fs::create_symlink("/dev/null", path_ + ".part");  // takes everything, brings nothing to a disk
+  openWriter();
+  EXPECT_EQ(writer_.finish().message, "ORB2Writer: " + path_ + ": cannot write: Invalid argument");
+  EXPECT_EQ(filesLeft(), Names{});
+}
+
+TEST_F(WriterTest, APartThatSomebodyRemovesIsReported) {
+  openWriter();
+  fs::remove(path_ + ".part");
+  EXPECT_EQ(writer_.finish().message,
+            "ORB2Writer: " + path_ + ": cannot rename onto it: No such file or directory");
+  EXPECT_EQ(filesLeft(), Names{});
+}
+
+// A text that is all length: the system reserves the addresses only.
+TEST_F(WriterTest, TextsOf4GiBAreRefused) {
+  constexpr size_t kSize = size_t{1} << 32;
+  void* addresses = mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(addresses, MAP_FAILED);
+  openWriter();
+  writer_.setMeta("k", std::string_view(static_cast<const char*>(addresses), kSize));
+  EXPECT_EQ(writer_.finish().message, "ORB2Writer: " + path_ + ": metadata k is too long");
+  munmap(addresses, kSize);
+}
 #endif
+
+TEST_F(WriterTest, TokenizerListsLongerThanTheFormatAllowsAreRefused) {
+  TokenizerData tokenizer;
+  tokenizer.types.resize(orb2::kMaxTokenizerCount + size_t{1});
+  openWriter();
+  writer_.setTokenizer(tokenizer);
+  EXPECT_EQ(writer_.finish().message, "ORB2Writer: " + path_ + ": the tokenizer is too large");
+  EXPECT_EQ(filesLeft(), Names{});
+}
 
 struct Misuse {
   const char* name;
@@ -327,9 +409,6 @@ struct Misuse {
 };
 
 void PrintTo(const Misuse& test, std::ostream* out) { *out << test.name; }
-
-// What a caller does not look at: finish() must report it.
-void drop(const Status&) {}
 
 void addOne(ORB2Writer& writer, std::string_view name) {
   const float one = 1;

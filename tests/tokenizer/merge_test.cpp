@@ -1,4 +1,8 @@
 // The merge loop against the definition: scan, merge the leftmost pair of the lowest rank, repeat.
+#if !defined(_WIN32)
+#include <sys/mman.h>
+#endif
+
 #include <algorithm>
 #include <random>
 
@@ -96,6 +100,20 @@ TEST(Merge, RuleIsTheJoinedStringOnly) {
   EXPECT_EQ(mergedByScanning("a b", {"a  b", "  b"}), (std::vector<std::string>{"a b"}));
   EXPECT_EQ(mergedByScanning("a b", {"a  b", "a  "}), (std::vector<std::string>{"a b"}));
 }
+
+#if !defined(_WIN32)
+// A piece that is all length: the system reserves the addresses only.
+TEST(Merge, APieceOf4GiBIsRefused) {
+  constexpr size_t kSize = size_t{1} << 32;
+  void* addresses = mmap(nullptr, kSize, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(addresses, MAP_FAILED);
+  std::vector<int32_t> ids;
+  const std::string_view piece(static_cast<const char*>(addresses), kSize);
+  EXPECT_EQ(loaded(makeData({"a"}))->tokenizeBpe(piece, ids).message, "tokenizer: text too long");
+  EXPECT_EQ(ids, std::vector<int32_t>{});
+  munmap(addresses, kSize);
+}
+#endif
 
 }  // namespace
 }  // namespace kiv::testing
