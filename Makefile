@@ -3,13 +3,14 @@ JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 export CTEST_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test race fuzz soak validate bench windows test-windows dist format clean
+.PHONY: help demo test race fuzz coverage soak validate bench windows test-windows dist format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
 	@echo 'make test     every check: format, lint, tests, tests under sanitizers'
 	@echo 'make race     the tests under the thread sanitizer'
 	@echo 'make fuzz     the fuzz targets, FUZZ_SECONDS each (60)'
+	@echo 'make coverage lines and branches of reader and tokenizer that the tests reach'
 	@echo 'make soak     SOAK_TURNS turns (10000) on the demo model; memory must not grow'
 	@echo 'make validate the plug-in against the rules of the C interface'
 	@echo 'make bench    measure the demo model and the kernels on this machine'
@@ -33,6 +34,9 @@ race:
 
 fuzz:
 	@scripts/fuzz.sh
+
+coverage:
+	@scripts/coverage.sh
 
 soak:
 	@scripts/soak.sh
