@@ -13,10 +13,29 @@
 
 #include "orb_plugin.h"
 
-/* ---- The three calls of the system's dynamic loading ---- */
+/* ---- What differs between systems: text, and the three calls of dynamic loading ---- */
 
 #if defined(_WIN32)
 #include <windows.h>
+/* After it, which it needs. */
+#include <shellapi.h>
+
+/* The arguments as UTF-8, which every text of the interface is. */
+static char** textArguments(int* count, char** given) {
+  wchar_t** wide = CommandLineToArgvW(GetCommandLineW(), count);
+  char** texts = wide != NULL ? calloc((size_t)*count + 1, sizeof *texts) : NULL;
+  int i;
+  if (texts == NULL) return given;
+  for (i = 0; i < *count; ++i) {
+    const int size = WideCharToMultiByte(CP_UTF8, 0, wide[i], -1, NULL, 0, NULL, NULL);
+    texts[i] = calloc((size_t)size + 1, 1);
+    if (texts[i] == NULL) return given;
+    WideCharToMultiByte(CP_UTF8, 0, wide[i], -1, texts[i], size, NULL, NULL);
+  }
+  SetConsoleCP(CP_UTF8);
+  SetConsoleOutputCP(CP_UTF8);
+  return texts; /* kept to the end of the program */
+}
 
 static void* openLibrary(const char* path) {
   wchar_t wide[4096]; /* paths are UTF-8 */
@@ -34,6 +53,11 @@ static void* findFunction(void* library, const char* name) {
 static void closeLibrary(void* library) { FreeLibrary((HMODULE)library); }
 #else
 #include <dlfcn.h>
+
+static char** textArguments(int* count, char** given) {
+  (void)count;
+  return given;
+}
 
 static void* openLibrary(const char* path) { return dlopen(path, RTLD_NOW | RTLD_LOCAL); }
 static void* findFunction(void* library, const char* name) { return dlsym(library, name); }
@@ -191,6 +215,7 @@ int main(int count, char** arguments) {
   Plugin plugin;
   const char* problem;
   int stopAfter = 0, done;
+  arguments = textArguments(&count, arguments);
   if (count > 2 && strcmp(arguments[1], "--stop-after") == 0) {
     stopAfter = atoi(arguments[2]);
     arguments += 2;

@@ -10,6 +10,10 @@
 #include <string.h>
 #include <time.h>
 
+#if defined(_WIN32)
+#include <windows.h>
+#endif
+
 #include "orb_plugin.h"
 
 enum { kContext = 8192, kMaxTokens = 96, kTurnMarkers = 2, kDefaultSeed = 42 };
@@ -25,9 +29,16 @@ struct ORBRuntimeHandle {
 };
 
 static double milliseconds(void) {
+#if defined(_WIN32)
+  LARGE_INTEGER now, perSecond;
+  QueryPerformanceCounter(&now);
+  QueryPerformanceFrequency(&perSecond);
+  return (double)now.QuadPart * 1e3 / (double)perSecond.QuadPart;
+#else
   struct timespec now;
   timespec_get(&now, TIME_UTC);
   return (double)now.tv_sec * 1e3 + (double)now.tv_nsec * 1e-6;
+#endif
 }
 
 /* Takes one token into the context. */

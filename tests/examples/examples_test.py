@@ -1,17 +1,18 @@
 """The example hosts, run as a reader of the documents would.
 
-ORB_HOST_C is the built host.c, ORB_HOST_PY the script (not set where the interpreter cannot load
-the libraries, as under a sanitizer), ORB_PLUGIN the plug-in, ORB_MOCK the mock, ORB_DEMO_MODEL the
+ORB_HOST_C is the built host.c (with an emulator in front of it where one is needed), ORB_HOST_PY the
+script (not set where the interpreter cannot load the libraries, as under a sanitizer), ORB_PLUGIN the plug-in, ORB_MOCK the mock, ORB_DEMO_MODEL the
 bundled model.
 """
 
 import os
+import shlex
 import subprocess
 import sys
 import tempfile
 import unittest
 
-HOSTS = {"host.c": [os.environ["ORB_HOST_C"]]}
+HOSTS = {"host.c": shlex.split(os.environ["ORB_HOST_C"])}
 if "ORB_HOST_PY" in os.environ:
     HOSTS["host.py"] = [sys.executable, os.environ["ORB_HOST_PY"]]
 PLUGIN, MOCK = os.environ["ORB_PLUGIN"], os.environ["ORB_MOCK"]

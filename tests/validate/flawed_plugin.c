@@ -18,6 +18,16 @@
 static ORBRuntimeV2 table;
 static ORBRuntimeV2S streaming;
 
+#if defined(_WIN32)
+#define ANOTHER_LOCALE ".1252"
+static void crash(void) { RaiseException(EXCEPTION_ACCESS_VIOLATION, 0, 0, NULL); }
+static void hang(void) { Sleep(INFINITE); }
+#else
+#define ANOTHER_LOCALE "C.UTF-8"
+static void crash(void) { raise(SIGSEGV); }
+static void hang(void) { pause(); }
+#endif
+
 static int has(const char* flaw) {
   const char* chosen = getenv("ORB_FLAW");
   return chosen != NULL && strcmp(chosen, flaw) == 0;
@@ -111,13 +121,13 @@ static int bench(ORBRuntimeHandle* handle, const ORBBenchParams* params, ORBBenc
 static int chatTurn(ORBRuntimeHandle* handle, const char* userText, char* out, size_t outLen) {
   static uint32_t shared = 1;
   if (handle != NULL) {
-    if (has("crashes")) raise(SIGSEGV);
+    if (has("crashes")) crash();
     if (has("exits")) exit(0);
-    if (has("hangs")) pause();
+    if (has("hangs")) hang();
     if (has("prints")) puts("working");
-    if (has("sets_the_locale")) setlocale(LC_ALL, "C.UTF-8");
+    if (has("sets_the_locale")) setlocale(LC_ALL, ANOTHER_LOCALE);
     if (has("changes_the_folder")) (void)!chdir("/");
-    if (has("ignores_a_signal")) signal(SIGPIPE, SIG_IGN);
+    if (has("ignores_a_signal")) signal(SIGTERM, SIG_IGN);
     if (has("sets_a_variable")) setenv("ORB_FLAW_LEFT", "1", 1);
     if (has("changes_its_table")) table.flags += 1;
   }
@@ -181,14 +191,16 @@ static int chatTurnStream(ORBRuntimeHandle* handle, const char* text, ORBChunkFn
   return result;
 }
 
-const ORBPluginDescriptor* orb_plugin_init(void) {
+ORB_PLUGIN_EXPORT const ORBPluginDescriptor* orb_plugin_init(void) {
   static const ORBPluginDescriptor kOther = {1, 2, "runtime-mock", MOCK_DESCRIPTION, NULL, NULL};
   return has("second_version") ? &kOther : mockInit();
 }
 
-const ORBRuntime* orb_plugin_runtimes(uint32_t* count) { return mockRuntimes(count); }
+ORB_PLUGIN_EXPORT const ORBRuntime* orb_plugin_runtimes(uint32_t* count) {
+  return mockRuntimes(count);
+}
 
-const ORBRuntimeV2* orb_plugin_runtimes_v2(uint32_t* count) {
+ORB_PLUGIN_EXPORT const ORBRuntimeV2* orb_plugin_runtimes_v2(uint32_t* count) {
   const ORBRuntimeV2 flawed = {3,           has("wrong_size") ? 111 : sizeof flawed,
                                MOCK_ID,     has("no_description") ? "" : MOCK_DESCRIPTION,
                                table.flags, probe,
@@ -202,7 +214,7 @@ const ORBRuntimeV2* orb_plugin_runtimes_v2(uint32_t* count) {
   return &table;
 }
 
-const ORBRuntimeV2S* orb_plugin_runtimes_v2s(uint32_t* count) {
+ORB_PLUGIN_EXPORT const ORBRuntimeV2S* orb_plugin_runtimes_v2s(uint32_t* count) {
   const ORBRuntimeV2S flawed = {1, sizeof flawed, has("other_id") ? "other" : MOCK_ID,
                                 chatTurnStream};
   streaming = flawed;

@@ -13,6 +13,7 @@ import tempfile
 import unittest
 
 COMMAND = shlex.split(os.environ["ORB_COMMAND"])
+WINDOWS = COMMAND[-1].endswith(".exe")  # there or under an emulator
 
 # Flaw, and the test that must find it.
 FLAWS = [
@@ -56,9 +57,12 @@ FLAWS = [
     ("bench_claims_too_much", "speed.bench_agrees_with_the_clock"),
 ]
 
+# Skipped where an emulator does not count what a process writes.
+UNCOUNTED = {"name": "hygiene.nothing_is_written", "result": "skipped"}
+
 # Flaws that end or stop the process, and what is said of it.
 ENDINGS = [
-    ("crashes", "in the middle of the test: signal 11"),
+    ("crashes", "in the middle of the test: " + ("exception C0000005" if WINDOWS else "signal 11")),
     ("exits", "in the middle of the test: exit code 0"),
     ("hangs", "in the middle of the test: it took longer than 1 s"),
 ]
@@ -91,13 +95,18 @@ def validate(*arguments, **options):
     return done.returncode, json.loads(done.stdout)
 
 
+def is_uncounted(test):
+    return WINDOWS and UNCOUNTED.items() <= test.items()
+
+
 class Mock(unittest.TestCase):
     def test_passes_every_group(self):
         code, result = validate(os.environ["ORB_MOCK"], MODEL)
-        bad = [test for test in result["tests"] if test["result"] != "passed"]
+        bad = [test for test in result["tests"]
+               if test["result"] != "passed" and not is_uncounted(test)]
         self.assertEqual(bad, [])
         self.assertEqual(code, 0)
-        self.assertEqual(result["passed"], len(result["tests"]))
+        self.assertEqual(result["passed"] + result["skipped"], len(result["tests"]))
         self.assertEqual({test["name"].split(".")[0] for test in result["tests"]},
                          {"load", "tables", "arguments", "lifecycle", "generation", "chat",
                           "statistics", "hygiene", "speed"})
@@ -124,6 +133,8 @@ class Flawed(unittest.TestCase):
                 code, result = validate(os.environ["ORB_FLAWED"], MODEL, "--filter", name,
                                         flaw=flaw)
                 self.assertEqual([t["name"] for t in result["tests"]], [name])
+                if is_uncounted(result["tests"][0]):
+                    continue
                 self.assertEqual(result["tests"][0]["result"], "failed")
                 self.assertTrue(result["tests"][0]["messages"])
                 self.assertEqual(code, 1)

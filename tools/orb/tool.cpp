@@ -43,9 +43,7 @@ int runTool(int argc, char** argv) {
   addQuantizeCommand(app, exitCode);
   addEvalCommand(app, exitCode);
   addSynthCommand(app, exitCode);
-#if !defined(_WIN32)  // it watches processes by the calls of POSIX systems
   addValidateCommand(app, exitCode);
-#endif
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

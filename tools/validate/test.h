@@ -11,6 +11,13 @@
 #include "synth/random.h"
 #include "validate/plugin.h"
 
+// The directives of the standard, also where the C library of the system has others.
+#if defined(__MINGW32__)
+#define ORB_VALIDATE_PRINTF gnu_printf
+#else
+#define ORB_VALIDATE_PRINTF printf
+#endif
+
 namespace orb::validate {
 
 // What is validated. The library is not trusted: it is loaded in the process of a test only.
@@ -30,12 +37,12 @@ class Test {
 
   // Records a failure unless `holds`, with a message that says what was expected and what was
   // found. Returns `holds`.
-  [[gnu::format(printf, 3, 4)]] bool expect(bool holds, const char* pattern, ...);
+  [[gnu::format(ORB_VALIDATE_PRINTF, 3, 4)]] bool expect(bool holds, const char* pattern, ...);
   bool expectEqual(const char* what, int64_t found, int64_t expected);
   bool expectText(const char* what, std::string_view found, std::string_view expected);
 
   // A finding that is no failure, such as a measured time.
-  [[gnu::format(printf, 2, 3)]] void note(const char* pattern, ...);
+  [[gnu::format(ORB_VALIDATE_PRINTF, 2, 3)]] void note(const char* pattern, ...);
   void skip(const char* reason);
 
   // At least 0, below `limit`.
