@@ -9,7 +9,7 @@ using Json = nlohmann::json;
 using kiv::Status;
 
 // Token types of GGUF files that mark text which stands for itself.
-constexpr int64_t kControl = 3;
+constexpr int64_t kControlType = 3;
 constexpr int64_t kUserDefined = 4;
 
 Status refuse(const std::string& subject, const std::string& expected, const std::string& found) {
@@ -110,7 +110,7 @@ Status readGgufTokenizer(const GgufReader& reader, uint64_t rows, TokenizerSourc
   out.tokens = *tokens;
   out.added.assign(tokens->size(), false);
   for (size_t i = 0; types != nullptr && i < types->size(); ++i) {
-    out.added[i] = (*types)[i] == kControl || (*types)[i] == kUserDefined;
+    out.added[i] = (*types)[i] == kControlType || (*types)[i] == kUserDefined;
   }
   for (const std::string& rule : *merges) {
     if (splitRule(rule, out)) continue;
