@@ -289,7 +289,7 @@ void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, 
   const size_t blocks = cols / Decoder::kElements;
   for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
     const uint8_t* at = rows + b * Decoder::kBytes;
-    prefetch(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
+    prefetch<2>(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
     if constexpr (kRows == 1) {
       addBlocks<Decoder, 1>({Decoder{at}}, x, acc);
     } else {

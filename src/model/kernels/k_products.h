@@ -21,7 +21,7 @@
 //     static constexpr size_t kGroups;       // groups of equal numbers of registers
 //     static constexpr size_t kMinimums;      // sub-blocks with a minimum, in element order
 //     static constexpr size_t kFirstMinimum;  // lane of the first of them
-//     static constexpr size_t kRowsAtOnce;   // rows that fit the register file
+//     static constexpr size_t kRowsAtOnce;   // long rows that fit the register file
 //     static constexpr Place place(size_t j, size_t lane);  // which input register j multiplies
 //     explicit Block(const uint8_t* bytes);
 //     Float codes(size_t j) const;           // j < kRegisters, group by group
@@ -40,10 +40,10 @@
 namespace qwen35 {
 namespace {
 
-// Asks for the bytes that the next group of rows will want, in address order: a plain ascending
-// stream, which the hardware's own prefetcher follows, while the rows of a group are read in turns.
+// Asks for bytes, into the first-level cache (kLevel 3) or the second (2).
+template <int kLevel>
 inline void prefetch(const uint8_t* at, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, 2);
+  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, kLevel);
 }
 
 // The sixteen 6-bit codes of a Q4_K or Q5_K block: bytes 0-7 scales, 8-15 minimums.
@@ -95,12 +95,12 @@ struct KProducts {
 
   static void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                    const float* x, float* y) {
-    constexpr size_t kAtOnce = Block::kRowsAtOnce;
-    size_t r = 0;
-    for (; r + kAtOnce <= rowCount; r += kAtOnce) {
-      dotRows<kAtOnce>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    constexpr size_t kFew = 2;
+    if (kFew * rowBytes <= kNearBytes) {
+      dotGroups<kFew, Rows::Short>(rows, rowBytes, rowCount, cols, x, y);
+    } else {
+      dotGroups<Block::kRowsAtOnce, Rows::Long>(rows, rowBytes, rowCount, cols, x, y);
     }
-    for (; r < rowCount; ++r) dotRows<1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
   }
 
   static void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
@@ -142,14 +142,33 @@ struct KProducts {
     }
   }
 
+  // The bytes of the next group of rows are asked for in address order, while the rows of a group
+  // are read in turns: a plain ascending stream, which the hardware's own prefetcher follows. A
+  // group of short rows goes to the first-level cache; long rows would drive each other and x out
+  // of it and go to the second.
+  enum class Rows { Short, Long };
+  static constexpr size_t kNearBytes = 5120;
+
+  template <size_t kRows, Rows kLength>
+  static void dotGroups(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                        const float* x, float* y) {
+    size_t r = 0;
+    for (; r + kRows <= rowCount; r += kRows) {
+      dotRows<kRows, kLength>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    }
+    for (; r < rowCount; ++r) {
+      dotRows<1, kLength>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    }
+  }
+
   // y[r] += row r . x for kRows rows that share every load of x.
-  template <size_t kRows>
+  template <size_t kRows, Rows kLength>
   static void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
     Float acc[kRows];
     for (Float& a : acc) a = Vector::zero();
     const uint8_t* next = rows + kRows * rowBytes;
     for (; cols >= kElements; cols -= kElements, x += kArrangedBlock, rows += Block::kBytes) {
-      prefetch(next, kRows * Block::kBytes);
+      prefetch<kLength == Rows::Short ? 3 : 2>(next, kRows * Block::kBytes);
       next += kRows * Block::kBytes;
       addBlocks<kRows>(rows, rowBytes, x, acc);
     }
