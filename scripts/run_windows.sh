@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs a Windows program under wine: run_windows.sh PROGRAM ARGUMENTS...
 # The emulated system has a folder of its own in build/ (or WINEPREFIX), made when it is missing. It
-# stays up for ten minutes; run_windows.sh --stop ends it before.
+# stays up for two hours; run_windows.sh --stop ends it before.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 export WINEPREFIX=${WINEPREFIX:-$root/build/wine}
@@ -14,7 +14,13 @@ up=$WINEPREFIX.up
 
 stop() {
   [[ ! -e $up ]] || WINEPREFIX=$WINEPREFIX wineserver -k || true
-  rm -f "$up"
+}
+
+# Runs a program that does nothing for two hours, or until the system ends; whoever has the file
+# `up` locked is that one.
+keep_up() {
+  setsid flock --close "$up" bash -c \
+    'wine cmd < <(exec timeout 7200 tail -f /dev/null --pid=$$)' </dev/null >/dev/null 2>&1 9>&- &
 }
 
 # The first program starts the system's services, which keep its streams open as long as they run: a
@@ -22,10 +28,9 @@ stop() {
 start() {
   exec 9>"$WINEPREFIX.lock"
   flock 9
-  if [[ ! -e $up ]] || ! kill -0 "$(<"$up")" 2>/dev/null; then
+  if flock --nonblock "$up" true; then
     [[ -e $WINEPREFIX/system.reg ]] || wine wineboot --init </dev/null >/dev/null 2>&1 9>&-
-    (sleep 600 | setsid wine cmd) </dev/null >/dev/null 2>&1 9>&- &
-    echo $! >"$up"
+    keep_up
     wine cmd /c exit </dev/null >/dev/null 2>&1 9>&-
   fi
   exec 9>&-

@@ -11,6 +11,7 @@ import unittest
 from checkpoints import Checkpoint
 
 COMMAND = shlex.split(os.environ["ORB_COMMAND"])
+WINDOWS = COMMAND[-1].endswith(".exe")  # there or under an emulator
 
 
 class ConvertCase(unittest.TestCase):
