@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -162,6 +163,49 @@ TEST(Create, AFileOf2GiBAndMoreNeedsTheVariable) {
   EXPECT_EQ(create(file.path()).message, "orb open failed");
   const ScopedEnv env("QWEN35_LARGE_FILES", "1");
   EXPECT_EQ(create(file.path()).result, ORB_OK);
+}
+
+// The file with the data of its last tensor 4 GiB further on, behind a hole.
+class FarTensorFile {
+ public:
+  FarTensorFile(std::vector<uint8_t> bytes, std::string name) : file_({}) {
+    constexpr uint64_t kFurther = uint64_t{1} << 32;
+    constexpr uint64_t kOffsetField = 104, kSizeField = 112;  // of an index entry
+    name.resize(64);
+    const auto at = std::search(bytes.begin(), bytes.end(), name.begin(), name.end());
+    const auto entry = static_cast<uint64_t>(at - bytes.begin());
+    const auto size = peek<uint64_t>(bytes, entry + kSizeField);
+    poke(bytes, entry + kOffsetField, peek<uint64_t>(bytes, entry + kOffsetField) + kFurther);
+    const size_t lastSection = peek<uint32_t>(bytes, 12) - 1;
+    const uint64_t sectionSize = tableField(lastSection, 16);
+    poke(bytes, sectionSize, peek<uint64_t>(bytes, sectionSize) + kFurther);
+    reseal(bytes);
+    std::fstream file(file_.path(), std::ios::in | std::ios::out | std::ios::binary);
+    const auto* data = reinterpret_cast<const char*>(bytes.data());
+    const uint64_t front = bytes.size() - size;
+    file.write(data, static_cast<std::streamsize>(front)).flush();
+    file_.resize(kFurther + bytes.size());
+    file.seekp(static_cast<std::streamoff>(kFurther + front));
+    file.write(data + front, static_cast<std::streamsize>(size));
+  }
+  const char* path() const { return file_.path(); }
+
+ private:
+  TempFile file_;
+};
+
+TEST(Create, ATensorBeyond4GiBIsReadWithTheVariable) {
+  ScriptedModel script;
+  const int32_t a = script.token("a"), b = script.token("b"), end = script.special("<|im_end|>");
+  script.chain({a, b, end});
+  script.tokenizer.specialIds[1] = end;
+  const FarTensorFile file(script.build(), "blk.31.ffn_down.weight");  // which token follows which
+  EXPECT_EQ(create(file.path()).message, "orb open failed");
+  const ScopedEnv env("QWEN35_LARGE_FILES", "1");
+  OpenedModel model(file.path());
+  char out[16] = "";
+  ASSERT_EQ(runtime().generate(model.handle(), "a", out, sizeof out), ORB_OK);
+  EXPECT_STREQ(out, "b");
 }
 
 TEST(Create, MessageIsCutToTheBufferAndTerminated) {

@@ -18,6 +18,7 @@ import unittest
 
 COMMAND = shlex.split(os.environ["ORB_COMMAND"])
 DEMO = os.environ["ORB_DEMO_MODEL"]
+GOLDEN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "golden", "demo.json")
 WINDOWS = COMMAND[-1].endswith(".exe")  # there or under an emulator
 
 # A model that answers in an instant, and one whose answers run to thousands of tokens.
@@ -272,6 +273,19 @@ class Chat(CommandTest):
         self.assertIn("orb", text.lower()[15:])
         self.assertTrue(text.endswith("\n\n"))
         self.assertEqual(err, b"")
+
+    def test_the_demo_answers_as_recorded_on_every_system(self):
+        with open(GOLDEN, encoding="utf-8") as file:
+            cases = [case for case in json.load(file)["cases"] if case["kind"] == "chat"]
+        questions, expected = "", ""
+        for turns in [case["turns"] for case in cases]:
+            for turn in turns:
+                questions += turn["text"] + "\n"
+                expected += f"> {turn['text']}\n{turn['answer']}\n\n"
+            questions += "/reset\n"
+            expected += "> /reset\nThe conversation is forgotten.\n\n"
+        self.assertGreater(len(cases), 3)
+        self.assertEqual(self.orb("chat", DEMO, stdin=questions)[0].decode(), expected)
 
     def test_a_transcript_has_every_question_and_answer(self):
         out, _ = self.orb("chat", MODEL, "--max-tokens", "3", stdin="one\n\n  \ntwo\r\nthree")
