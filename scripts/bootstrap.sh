@@ -1,20 +1,21 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that the project needs and that are not there yet.
 #   bootstrap.sh            to build and run
-#   bootstrap.sh all        to test and measure as well
+#   bootstrap.sh windows    to build for Windows and test that under wine as well
+#   bootstrap.sh all        to test everything and measure as well
 #   bootstrap.sh coverage   to see as well what the tests reach
-#   bootstrap.sh windows    to build for Windows and test that under wine
 set -euo pipefail
 
 packages=(g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev libedit-dev)
-if [[ ${1:-} == windows ]]; then
+what=${1:-}
+if [[ $what == windows || $what == all ]]; then
   packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64 python3 python3-numpy)
 fi
-if [[ ${1:-} == all || ${1:-} == coverage ]]; then
+if [[ $what == all || $what == coverage ]]; then
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 python3-numpy
     git clang clang-format clang-tidy libclang-rt-dev libomp-dev)
 fi
-if [[ ${1:-} == coverage ]]; then
+if [[ $what == coverage ]]; then
   packages+=(llvm)
 fi
 

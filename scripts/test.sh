@@ -24,28 +24,42 @@ build() {
   cmake --preset "$1" >/dev/null && cmake --build --preset "$1"
 }
 
+# How many entries of CTest there were, and how many cases they say that they have run; those of the
+# Windows build apart.
+count_tests() {
+  awk '
+    $2 == "Test:" { windows = $3 ~ /^windows\./; entries[windows] += 1; cases[windows] += 1 }
+    # Of GoogleTest and of unittest: the entry is one of them.
+    /^\[==========\] [0-9]+ tests? from .* ran/ { cases[windows] += $2 - 1 }
+    /^Ran [0-9]+ tests? in / { cases[windows] += $2 - 1 }
+    END {
+      printf "native %d entries, %d cases", entries[0], cases[0]
+      if (entries[1]) printf "; under wine %d entries, %d cases", entries[1], cases[1]
+    }' "$1"
+}
+
+# run_tests PRESET FOLDER
 run_tests() {
-  local log=build/$1/ctest.log
+  local log=build/$2/ctest.log
   ctest --preset "$1" >"$log" 2>&1 || {
     cat "$log"
     return 1
   }
   grep -E 'tests passed' "$log"
-  # Where a program is one test, its cases are told as well.
-  local cases
-  cases=$(sed -nE 's/^\[==========\] ([0-9]+) tests? from .* ran.*/\1/p' \
-    "build/$1/Testing/Temporary/LastTest.log" | awk '{ n += $1 } END { print n + 0 }')
-  closing+=("$1: $(grep -E 'tests passed' "$log") ($cases cases counted inside them)")
+  closing+=("$1: $(grep -E 'tests passed' "$log")"
+    "  $(count_tests "build/$2/Testing/Temporary/LastTest.log")")
 }
 closing=()
+trap 'scripts/run_windows.sh --stop' EXIT
 
 part "packages" scripts/bootstrap.sh all
 part "format" scripts/check_format.sh
 part "release build" build release
-part "release tests" run_tests release
+part "windows build" build windows
+part "tests" run_tests release-and-windows release
 part "lint" scripts/check_tidy.sh
 part "asan-ubsan build" build asan-ubsan
-part "asan-ubsan tests" run_tests asan-ubsan
+part "asan-ubsan tests" run_tests asan-ubsan asan-ubsan
 
 echo
 printf '%s\n' "${summary[@]}" "${closing[@]}"
