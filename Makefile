@@ -7,7 +7,7 @@ export CTEST_PARALLEL_LEVEL = $(JOBS)
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
-	@echo 'make test     every check: format, lint, tests, tests under sanitizers'
+	@echo 'make test     every check: format, lint, tests natively, under wine and sanitizers'
 	@echo 'make race     the tests under the thread sanitizer'
 	@echo 'make fuzz     the fuzz targets, FUZZ_SECONDS each (60)'
 	@echo 'make coverage lines and branches of reader and tokenizer that the tests reach'
