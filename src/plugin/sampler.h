@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <random>
+#include <span>
 #include <vector>
 
 namespace qwen35 {
@@ -23,16 +24,28 @@ class Sampler {
  public:
   // Index of the chosen logit. Greedy choices leave the generator alone, every other choice draws
   // exactly two outputs. NaN scores count as the worst, with no weight.
+  //
+  // The choice is the one that a full sort gives, best score first, the lowest index among equals:
+  // the kept candidates have the weight exp(score - best), and the first one is taken at which the
+  // sum of weights reaches the drawn share of their total.
   int32_t sampleNext(const float* logits, size_t count, const SamplingSettings& settings,
                      std::mt19937& generator);
 
  private:
-  struct Candidate {
-    float score;  // logit / temperature
-    int32_t index;
-  };
+  // A rank of the score in the high half, the index in the low half: in order, best first.
+  using Candidate = uint64_t;
+  struct Scores;
 
-  std::vector<Candidate> candidates_;  // kept between calls for its storage
+  int32_t chooseBySorting(const Scores& scores, size_t kept, double draw);
+  int32_t chooseByBins(const Scores& scores, float best, size_t kept, double draw);
+  void fillBins(const Scores& scores, float best, bool counted);
+  std::span<const Candidate> ranked(const Scores& scores, size_t bin);
+
+  // Kept between calls for their storage.
+  std::vector<Candidate> candidates_;
+  std::vector<uint16_t> bins_;    // bin of every logit
+  std::vector<double> masses_;    // sums of weights by bin
+  std::vector<uint32_t> counts_;  // logits by bin
 };
 
 }  // namespace qwen35

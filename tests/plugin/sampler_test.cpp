@@ -39,14 +39,17 @@ int32_t sampleByDefinition(const std::vector<float>& logits, const SamplingSetti
   for (size_t i = 0; i < logits.size(); ++i) {
     candidates.emplace_back(inverse * logits[i], static_cast<int32_t>(i));
   }
-  std::sort(candidates.begin(), candidates.end(),
-            [](const auto& a, const auto& b) { return a.first > b.first; });
+  std::stable_sort(candidates.begin(), candidates.end(), [](const auto& a, const auto& b) {
+    return a.first > b.first || (std::isnan(b.first) && !std::isnan(a.first));
+  });
   if (settings.topK >= 1 && static_cast<size_t>(settings.topK) <= candidates.size()) {
     candidates.resize(static_cast<size_t>(settings.topK));
   }
   const auto weight = [&](size_t i) {
-    return std::exp(static_cast<double>(candidates[i].first) -
-                    static_cast<double>(candidates[0].first));
+    if (candidates[i].first == candidates[0].first) return 1.0;
+    const double value = std::exp(static_cast<double>(candidates[i].first) -
+                                  static_cast<double>(candidates[0].first));
+    return std::isnan(value) ? 0.0 : value;
   };
   if (settings.topP > 0.0f && settings.topP < 1.0f) {
     double sum = 0;
@@ -248,6 +251,43 @@ TEST(Sampler, AgreesWithTheDefinitionOnRandomLogitsSettingsAndSeeds) {
               sampleByDefinition(logits, settings, b))
         << "count " << logits.size() << " temperature " << settings.temperature << " topK "
         << settings.topK << " topP " << settings.topP << " seed " << seed;
+    ASSERT_EQ(a, b);
+  }
+}
+
+// Logits with what is hard about them: many equal ones, both zeros, infinities, NaN.
+std::vector<float> hardLogits(size_t count, std::mt19937& random) {
+  const float deviation = std::pow(10.0f, static_cast<float>(random() % 6) - 3.0f);
+  std::vector<float> logits = randomLogits(count, deviation, random);
+  if (random() % 2 == 0) {
+    for (float& logit : logits) logit = std::round(logit * 8) / 8;  // negative zeros too
+  }
+  const float rare[] = {kNan, -kInfinity, -1e30f, 0.0f, -0.0f, 1e-40f};
+  for (size_t i = random() % 3 == 0 ? count : 0; i < count; i += 1 + random() % 50) {
+    logits[i] = rare[random() % std::size(rare)];
+  }
+  if (random() % 8 == 0) logits[random() % count] = kInfinity;
+  return logits;
+}
+
+TEST(Sampler, AgreesWithTheDefinitionOnTiesInfinitiesAndNan) {
+  std::mt19937 random(99);
+  Sampler sampler;
+  constexpr size_t kCounts[] = {1, 7, 511, 512, 513, 3001};
+  constexpr float kTemperatures[] = {1e-40f, 0.01f, 0.8f, 1.0f, 30.0f, 1e9f, kInfinity};
+  for (int round = 0; round < 1500; ++round) {
+    const size_t count = kCounts[random() % std::size(kCounts)];
+    const auto logits = hardLogits(count, random);
+    const auto topK = static_cast<int32_t>(random() % 3 == 0 ? 0 : random() % (count + 2));
+    const float topP = random() % 4 == 0 ? 0.9f : 0.0f;
+    const SamplingSettings settings = {kTemperatures[random() % std::size(kTemperatures)], topK,
+                                       topP};
+    const uint32_t seed = random();
+    std::mt19937 a(seed), b(seed);
+    ASSERT_EQ(sampler.sampleNext(logits.data(), count, settings, a),
+              sampleByDefinition(logits, settings, b))
+        << "round " << round << " count " << count << " temperature " << settings.temperature
+        << " topK " << topK << " topP " << topP;
     ASSERT_EQ(a, b);
   }
 }
