@@ -19,9 +19,12 @@ TEST(Sampling, AllocatesForTheFirstTokenOnly) {
   for (int token = 0; token < 50; ++token) {
     // Wider and wider, so that every call looks at other candidates than the one before.
     for (float& logit : logits) logit = normal(random) * static_cast<float>(token);
-    for (const qwen35::SamplingSettings& settings :
-         {qwen35::SamplingSettings{0.8f, 0, 0}, {0.8f, 40, 0}, {0.8f, 5000, 0}, {50.0f, 0, 0},
-          {0.8f, 0, 0.95f}, {0, 0, 0}}) {
+    for (const qwen35::SamplingSettings& settings : {qwen35::SamplingSettings{0.8f, 0, 0},
+                                                     {0.8f, 40, 0},
+                                                     {0.8f, 5000, 0},
+                                                     {50.0f, 0, 0},
+                                                     {0.8f, 0, 0.95f},
+                                                     {0, 0, 0}}) {
       resetAllocationCounts();
       sampler.sampleNext(logits.data(), logits.size(), settings, generator);
       if (token > 0) {

@@ -378,22 +378,32 @@ class Run(CommandTest):
 
 class Bench(CommandTest):
     def test_table_and_json(self):
-        options = ["--gen-tokens", "4", "--prompt-tokens", "8", "--threads", "1"]
-        out, _ = self.orb("bench", MODEL, *options)
-        for text in ("TOKENS/S", "prompt", "generation", "bench slot", "pure read", "peak memory"):
+        options = ["--gen-tokens", "4", "--prompt-tokens", "40,70", "--contexts", "1,100",
+                   "--threads", "1", MODEL]
+        out, _ = self.orb("bench", *options)
+        for text in ("TOKENS/S", "prompt", "generation at", "bench slot", "create", "pure read",
+                     "peak memory"):
             self.assertIn(text, out.decode())
-        bench = json.loads(self.orb("bench", MODEL, *options, "--json")[0])
-        self.assertEqual(bench["generation"]["tokens"], 4)
-        self.assertEqual(bench["benchSlot"]["tokens"], 4)
-        self.assertGreaterEqual(bench["prompt"]["tokens"], 8)
+        bench = json.loads(self.orb("bench", *options, "--json")[0])
+        for speed, tokens in zip(bench["prompts"], (40, 70), strict=True):
+            self.assertLess(abs(speed["tokens"] - tokens), 8)
+        early, late = bench["generations"]
+        self.assertLess(early["context"], 90)
+        self.assertLess(abs(late["context"] - 100), 25)
+        self.assertEqual((early["tokens"], late["tokens"], bench["benchSlot"]["tokens"]), (4, 4, 4))
         self.assertEqual(bench["threads"], 1)
         self.assertGreater(bench["pureReadBytesPerSecond"], 1e8)
         self.assertGreater(bench["peakMemoryBytes"], 0)
-        info = json.loads(self.orb("info", MODEL, "--json")[0])
-        self.assertEqual(bench["readBytesPerToken"], info["model"]["readBytesPerToken"])
-        for row in (bench["generation"], bench["benchSlot"]):
+        self.assertGreater(bench["createSeconds"], 0)
+        info = json.loads(self.orb("info", MODEL, "--json")[0])["model"]
+        self.assertEqual(bench["readBytesPerToken"], info["readBytesPerToken"])
+        self.assertEqual(bench["benchSlot"]["readBytesPerToken"], info["readBytesPerToken"])
+        # Keys and values of a position: 8 full blocks, 4 heads of 256 floats each.
+        self.assertEqual(late["readBytesPerToken"],
+                         info["readBytesPerToken"] + late["context"] * 8 * 2 * 4 * 256 * 4)
+        for row in (early, late, bench["benchSlot"]):
             self.assertAlmostEqual(row["bytesPerSecond"],
-                                   row["tokensPerSecond"] * bench["readBytesPerToken"], delta=1e3)
+                                   row["tokensPerSecond"] * row["readBytesPerToken"], delta=1e3)
 
     def test_the_tier_that_was_asked_for_is_named(self):
         out, _ = self.orb("bench", MODEL, "--isa", "scalar", "--gen-tokens", "2",

@@ -26,10 +26,12 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kProbeBytes = size_t{1} << 30;  // well beyond any cache
 constexpr int kProbePasses = 6;
 constexpr int kMaxAnswers = 16;
+constexpr uint64_t kContextMargin = 2048;  // for the answers at the longest context
 
 struct BenchOptions {
   ModelOptions model;
-  uint64_t promptTokens = 64;
+  std::vector<uint64_t> promptTokens{64};
+  std::vector<uint64_t> contexts{16};
   uint64_t genTokens = 64;
   bool json = false;
 };
@@ -42,22 +44,28 @@ struct Speed {
   double tokensPerSecond() const { return seconds > 0 ? static_cast<double>(tokens) / seconds : 0; }
 };
 
+// Generation that began when the context held so many tokens.
+struct Generation {
+  uint64_t context = 0;
+  Speed speed;
+};
+
 struct BenchReport {
-  Speed prompt;
-  Speed generation;
+  double createSeconds = 0;
+  std::vector<Speed> prompts;
+  std::vector<Generation> generations;
   ORBBenchResult slot{};
-  uint64_t readPerToken = 0;
+  uint64_t readPerToken = 0;      // weights
+  uint64_t cachePerPosition = 0;  // keys and values, read for each position of the context
   uint64_t fileBytes = 0;
   uint64_t peakMemory = 0;
   double readSpeed = 0;  // bytes per second of the pure-read probe
   std::string tier;
   int threads = 0;
 
-  double bytesPerSecond(double tokensPerSecond) const {
-    return tokensPerSecond * static_cast<double>(readPerToken);
-  }
-  double share(double tokensPerSecond) const {
-    return readSpeed > 0 ? bytesPerSecond(tokensPerSecond) / readSpeed : 0;
+  uint64_t readAt(uint64_t context) const { return readPerToken + cachePerPosition * context; }
+  double share(double bytesPerSecond) const {
+    return readSpeed > 0 ? bytesPerSecond / readSpeed : 0;
   }
 };
 
@@ -65,56 +73,67 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// A question of about that many tokens.
-std::string makePrompt(kiv::TokenizerData data, uint64_t tokens) {
-  constexpr std::string_view kWords[] = {"the ",  "river ", "runs ",  "past ",  "old ",
-                                         "mill ", "and ",   "under ", "seven ", "bridges "};
-  kiv::Tokenizer tokenizer;
-  std::string text;
-  std::vector<int32_t> ids;
-  if (!tokenizer.load(std::move(data)).ok()) return text;
-  // Doubling first, so that a long prompt is not encoded once a word.
-  for (size_t words = 0; ids.size() < tokens && words < 16 * tokens;) {
-    const size_t step = std::max<size_t>(1, (tokens - ids.size()) / 4);
-    for (size_t i = 0; i < step; ++i) text += kWords[words++ % std::size(kWords)];
-    if (!tokenizer.encode(text, ids, /*addBos=*/false).ok()) break;
+// Texts of about a given number of tokens.
+class TextMaker {
+ public:
+  bool load(kiv::TokenizerData data) { return tokenizer_.load(std::move(data)).ok(); }
+
+  std::string make(uint64_t tokens) const {
+    constexpr std::string_view kWords[] = {"the ",  "river ", "runs ",  "past ",  "old ",
+                                           "mill ", "and ",   "under ", "seven ", "bridges "};
+    std::string text;
+    std::vector<int32_t> ids;
+    // In large steps first, so that a long text is not encoded once a word.
+    for (size_t words = 0; ids.size() < tokens && words < 16 * tokens;) {
+      const size_t step = std::max<size_t>(1, (tokens - ids.size()) / 4);
+      for (size_t i = 0; i < step; ++i) text += kWords[words++ % std::size(kWords)];
+      if (!tokenizer_.encode(text, ids, /*addBos=*/false).ok()) break;
+    }
+    return text;
   }
-  return text;
-}
+
+ private:
+  kiv::Tokenizer tokenizer_;
+};
 
 // What the index says about the work of one token. False when the file does not open; the plug-in
 // then says why.
-bool examine(const BenchOptions& options, BenchReport& report, std::string& prompt) {
+bool examine(const BenchOptions& options, BenchReport& report, TextMaker& texts) {
   const std::string& file = options.model.model;
   if (!fileSize(file, report.fileBytes)) return false;
   kiv::ORBLoader loader;
   if (!loader.open(file.c_str(), report.fileBytes >= kLargeFileBytes).ok()) return false;
-  report.readPerToken = collectModelFacts(loader).readPerToken;
-  prompt = makePrompt(std::move(loader.tokenizer), options.promptTokens);
-  return true;
+  const ModelFacts facts = collectModelFacts(loader);
+  report.readPerToken = facts.readPerToken;
+  report.cachePerPosition = facts.memory.cachePerPosition;
+  return texts.load(std::move(loader.tokenizer));
+}
+
+uint64_t contextTokens(Runtime& runtime) {
+  ORBRuntimeStats stats{};
+  runtime.stats(stats);
+  return stats.contextTokens;
 }
 
 // Takes the text in without answering it: the flag is set before the turn begins.
 int takeIn(Runtime& runtime, const std::string& text, Speed& speed) {
   const volatile int stop = 1;
-  runtime.reset();
+  const uint64_t before = contextTokens(runtime);
   const Clock::time_point start = Clock::now();
   const int result = runtime.chatTurnStream(text, {}, &stop);
   speed.seconds = secondsSince(start);
-  ORBRuntimeStats stats{};
-  runtime.stats(stats);
-  speed.tokens = stats.contextTokens;
+  speed.tokens = contextTokens(runtime) - before;
   return result;
 }
 
-// Answers questions until that many forward passes are timed; an answer may end early.
-int generate(Runtime& runtime, uint64_t tokens, Speed& speed) {
+// Asks questions until that many forward passes are timed; an answer may end early.
+int generate(Runtime& runtime, uint64_t tokens, Generation& generation) {
+  Speed& speed = generation.speed;
   for (int i = 0; i < kMaxAnswers && speed.tokens < tokens; ++i) {
     uint64_t count = 0;
     Clock::time_point first;
     Clock::time_point last;
     int enough = 0;
-    runtime.reset();
     const int result = runtime.chatTurnStream(
         "Question " + std::to_string(i + 1) + ": what do you know?",
         [&](std::string_view) {
@@ -124,6 +143,7 @@ int generate(Runtime& runtime, uint64_t tokens, Speed& speed) {
         },
         &enough);
     if (result != ORB_OK) return result;
+    if (i == 0) generation.context = contextTokens(runtime) - std::min(count, tokens);
     if (count > 1) {
       speed.tokens += count - 1;
       speed.seconds += std::chrono::duration<double>(last - first).count();
@@ -132,31 +152,94 @@ int generate(Runtime& runtime, uint64_t tokens, Speed& speed) {
   return ORB_OK;
 }
 
-int measureModel(const BenchOptions& options, const std::string& prompt, BenchReport& report) {
+// Calls into a runtime until one fails.
+class Measurement {
+ public:
+  Measurement(const BenchOptions& options, const TextMaker& texts, Runtime& runtime)
+      : options_(options), texts_(texts), runtime_(runtime) {}
+
+  // Also finds out how many tokens a turn has beyond its text.
+  bool warmUp() {
+    Speed shortest;
+    if (!check(takeIn(runtime_, "", shortest), "a short prompt")) return false;
+    turnTokens_ = shortest.tokens;
+    return true;
+  }
+
+  bool prompts(std::vector<Speed>& speeds) {
+    for (const uint64_t tokens : options_.promptTokens) {
+      runtime_.reset();
+      if (!takeInTokens(tokens, speeds.emplace_back())) return false;
+    }
+    return true;
+  }
+
+  // One conversation that grows from context to context.
+  bool generations(std::vector<Generation>& generations) {
+    runtime_.reset();
+    for (const uint64_t context : options_.contexts) {
+      const uint64_t held = contextTokens(runtime_);
+      const uint64_t missing = context - std::min(context, held);
+      // The question is a turn by itself.
+      Speed unused;
+      if (missing > 2 * turnTokens_ && !takeInTokens(missing - 2 * turnTokens_, unused)) {
+        return false;
+      }
+      Generation& generation = generations.emplace_back();
+      if (!check(generate(runtime_, options_.genTokens, generation), "an answer")) return false;
+    }
+    return true;
+  }
+
+  bool slot(ORBBenchResult& result) {
+    ORBBenchParams params{};
+    params.structSize = sizeof params;
+    params.genTokens = static_cast<int32_t>(options_.genTokens);
+    params.extraTokens = 1;  // as many forward passes as the time is divided by
+    return check(runtime_.bench(params, result), "the benchmark");
+  }
+
+ private:
+  bool takeInTokens(uint64_t tokens, Speed& speed) {
+    const std::string text = texts_.make(tokens - std::min(tokens, turnTokens_));
+    return check(takeIn(runtime_, text, speed), "the prompt");
+  }
+
+  bool check(int result, const char* what) const {
+    if (result == ORB_OK) return true;
+    fail(options_.model.model,
+         format("expected %s to run, found that it failed (code %d)", what, result));
+    return false;
+  }
+
+  const BenchOptions& options_;
+  const TextMaker& texts_;
+  Runtime& runtime_;
+  uint64_t turnTokens_ = 0;
+};
+
+// The options with room for what is measured.
+ModelOptions withRoom(const BenchOptions& options) {
   ModelOptions model = options.model;
   model.maxTokens = options.genTokens + 1;
-  ModelSession session;
-  if (const int code = session.open(model); code != kOk) return code;
-  Runtime& runtime = session.runtime();
-  const auto check = [&](int result, const char* what) {
-    if (result == ORB_OK) return kOk;
-    return static_cast<ExitCode>(fail(model.model, std::string("expected ") + what +
-                                                       " to run, found that it failed (code " +
-                                                       std::to_string(result) + ")"));
-  };
-  Speed warmUp;
-  if (check(takeIn(runtime, "Hi", warmUp), "a short prompt") != kOk) return kFailure;
-  if (check(takeIn(runtime, prompt, report.prompt), "the prompt") != kOk) return kFailure;
-  if (check(generate(runtime, options.genTokens, report.generation), "an answer") != kOk) {
-    return kFailure;
+  const uint64_t longest =
+      std::max(*std::max_element(options.contexts.begin(), options.contexts.end()),
+               *std::max_element(options.promptTokens.begin(), options.promptTokens.end()));
+  if (!model.context) {
+    model.context = std::max(contextInUse(model), longest + options.genTokens + kContextMargin);
   }
-  ORBBenchParams params{};
-  params.structSize = sizeof params;
-  params.genTokens = static_cast<int32_t>(options.genTokens);
-  params.extraTokens = 1;  // as many forward passes as the time is divided by
-  if (check(runtime.bench(params, report.slot), "the benchmark") != kOk) return kFailure;
+  return model;
+}
+
+int measureModel(const BenchOptions& options, const TextMaker& texts, BenchReport& report) {
+  ModelSession session;
+  if (const int code = session.open(withRoom(options)); code != kOk) return code;
+  report.createSeconds = session.createSeconds();
+  Measurement measurement(options, texts, session.runtime());
+  const bool done = measurement.warmUp() && measurement.prompts(report.prompts) &&
+                    measurement.generations(report.generations) && measurement.slot(report.slot);
   report.peakMemory = peakMemoryBytes();
-  return kOk;
+  return done ? kOk : kFailure;
 }
 
 // Reads the model's own pages when there are enough of them, else a buffer.
@@ -172,16 +255,18 @@ void measureMachine(const BenchOptions& options, BenchReport& report) {
   report.readSpeed = measureReadSpeed(buffer.data(), buffer.size(), report.threads, kProbePasses);
 }
 
-void addSpeedRow(const BenchReport& report, const char* name, const Speed& speed, bool reads,
-                 Table& table) {
+// `read` is what a token reads; 0 where that says nothing about the speed.
+void addSpeedRow(const BenchReport& report, const std::string& name, const Speed& speed,
+                 uint64_t read, Table& table) {
   const double rate = speed.tokensPerSecond();
   std::vector<std::string> row{name, std::to_string(speed.tokens), formatDuration(speed.seconds),
                                formatThreeDigits(rate),
                                rate > 0 ? formatThreeDigits(1000 / rate) : "-"};
-  if (reads) {
-    row.push_back(formatBytes(report.readPerToken));
-    row.push_back(formatThreeDigits(report.bytesPerSecond(rate) / 1e9));
-    row.push_back(format("%.0f %%", report.share(rate) * 100));
+  if (read != 0) {
+    const double bytesPerSecond = rate * static_cast<double>(read);
+    row.push_back(formatBytes(read));
+    row.push_back(formatThreeDigits(bytesPerSecond / 1e9));
+    row.push_back(format("%.0f %%", report.share(bytesPerSecond) * 100));
   }
   table.addRow(std::move(row));
 }
@@ -201,29 +286,45 @@ std::string benchText(const BenchReport& report) {
                {"READ/TOKEN", kRight},
                {"GB/S", kRight},
                {"OF PURE READ", kRight}});
-  addSpeedRow(report, "prompt", report.prompt, false, table);
-  addSpeedRow(report, "generation", report.generation, true, table);
-  addSpeedRow(report, "bench slot", slotSpeed(report), true, table);
-  return table.text() + format(
-                            "\npure read %s GB/s with %d thread%s; tier %s; peak memory %s, "
-                            "of which the file is %s\n",
-                            formatThreeDigits(report.readSpeed / 1e9).c_str(), report.threads,
-                            report.threads == 1 ? "" : "s", report.tier.c_str(),
-                            formatBytes(report.peakMemory).c_str(),
-                            formatBytes(report.fileBytes).c_str());
+  for (const Speed& prompt : report.prompts) addSpeedRow(report, "prompt", prompt, 0, table);
+  for (const Generation& generation : report.generations) {
+    addSpeedRow(report, "generation at " + std::to_string(generation.context), generation.speed,
+                report.readAt(generation.context), table);
+  }
+  addSpeedRow(report, "bench slot", slotSpeed(report), report.readPerToken, table);
+  return table.text() +
+         format(
+             "\ncreate %s; pure read %s GB/s with %d thread%s; tier %s; peak memory %s, "
+             "of which the file is %s\n",
+             formatDuration(report.createSeconds).c_str(),
+             formatThreeDigits(report.readSpeed / 1e9).c_str(), report.threads,
+             report.threads == 1 ? "" : "s", report.tier.c_str(),
+             formatBytes(report.peakMemory).c_str(), formatBytes(report.fileBytes).c_str());
 }
 
-Json speedJson(const BenchReport& report, const Speed& speed, bool reads) {
-  const double rate = speed.tokensPerSecond();
-  Json json{{"tokens", speed.tokens}, {"seconds", speed.seconds}, {"tokensPerSecond", rate}};
-  if (reads) {
-    json["bytesPerSecond"] = report.bytesPerSecond(rate);
-    json["shareOfPureRead"] = report.share(rate);
-  }
+Json speedJson(const Speed& speed) {
+  return {{"tokens", speed.tokens},
+          {"seconds", speed.seconds},
+          {"tokensPerSecond", speed.tokensPerSecond()}};
+}
+
+Json generationJson(const BenchReport& report, const Speed& speed, uint64_t read) {
+  Json json = speedJson(speed);
+  const double bytesPerSecond = speed.tokensPerSecond() * static_cast<double>(read);
+  json["readBytesPerToken"] = read;
+  json["bytesPerSecond"] = bytesPerSecond;
+  json["shareOfPureRead"] = report.share(bytesPerSecond);
   return json;
 }
 
 Json benchJson(const BenchOptions& options, const BenchReport& report) {
+  Json prompts = Json::array();
+  for (const Speed& prompt : report.prompts) prompts.push_back(speedJson(prompt));
+  Json generations = Json::array();
+  for (const auto& [context, speed] : report.generations) {
+    generations.push_back(generationJson(report, speed, report.readAt(context)));
+    generations.back()["context"] = context;
+  }
   return {{"file", options.model.model},
           {"tier", report.tier},
           {"threads", report.threads},
@@ -231,18 +332,19 @@ Json benchJson(const BenchOptions& options, const BenchReport& report) {
           {"readBytesPerToken", report.readPerToken},
           {"pureReadBytesPerSecond", report.readSpeed},
           {"peakMemoryBytes", report.peakMemory},
-          {"prompt", speedJson(report, report.prompt, false)},
-          {"generation", speedJson(report, report.generation, true)},
-          {"benchSlot", speedJson(report, slotSpeed(report), true)}};
+          {"createSeconds", report.createSeconds},
+          {"prompts", prompts},
+          {"generations", generations},
+          {"benchSlot", generationJson(report, slotSpeed(report), report.readPerToken)}};
 }
 
 int runBench(const BenchOptions& options) {
   BenchReport report;
   report.tier = tierInUse(options.model);
   report.threads = threadsInUse(options.model);
-  std::string prompt;
-  const bool readable = examine(options, report, prompt);
-  if (const int code = measureModel(options, prompt, report); code != kOk) return code;
+  TextMaker texts;
+  const bool readable = examine(options, report, texts);
+  if (const int code = measureModel(options, texts, report); code != kOk) return code;
   if (!readable) return fail(options.model.model, "expected a model file, found that it changed");
   measureMachine(options, report);
   if (options.json) {
@@ -256,25 +358,37 @@ int runBench(const BenchOptions& options) {
 }  // namespace
 
 void addBenchCommand(CLI::App& app, int& exitCode) {
+  constexpr uint64_t kLongest = 100000;
   CLI::App* command = app.add_subcommand("bench", "Measure how fast a model runs");
   auto options = std::make_shared<BenchOptions>();
   addModelOptions(*command, options->model);
-  command->add_option("--prompt-tokens", options->promptTokens, "Tokens of the prompt, about [64]")
-      ->check(CLI::Range(uint64_t{1}, uint64_t{100000}))
-      ->type_name("N");
-  command->add_option("--gen-tokens", options->genTokens, "Tokens to generate [64]")
+  command->add_option("--prompt-tokens", options->promptTokens, "Tokens of each prompt, about [64]")
+      ->check(CLI::Range(uint64_t{1}, kLongest))
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->type_name("N,...");
+  command
+      ->add_option("--contexts", options->contexts,
+                   "Tokens, about, that the context holds where generation begins [16]")
+      ->check(CLI::Range(uint64_t{1}, kLongest))
+      ->delimiter(',')
+      ->allow_extra_args(false)
+      ->type_name("N,...");
+  command->add_option("--gen-tokens", options->genTokens, "Tokens to generate at each context [64]")
       ->check(CLI::Range(uint64_t{1}, uint64_t{4000}))
       ->type_name("N");
   command->add_option("--context", options->model.context, "Tokens that the context holds [8192]")
       ->check(CLI::Range(uint64_t{1}, kHighestContext))
       ->type_name("N");
   command->add_flag("--json", options->json, "JSON instead of a table");
-  addExamples(*command,
-              "  orb bench models/demo.orb\n"
-              "  orb bench model.orb --threads 1 --isa avx2 --json\n"
-              "Generation reads every weight once a token, so its speed is compared with a pure\n"
-              "read of memory by as many threads. The bench slot is the plug-in's own measure;\n"
-              "it reads too fast when the model ends its text early.");
+  addExamples(
+      *command,
+      "  orb bench models/demo.orb\n"
+      "  orb bench model.orb --threads 1 --isa avx2 --json\n"
+      "  orb bench model.orb --prompt-tokens 16,512 --contexts 16,2000,8000 --gen-tokens 16\n"
+      "Generation reads every weight once a token, so its speed is compared with a pure\n"
+      "read of memory by as many threads. The bench slot is the plug-in's own measure;\n"
+      "it reads too fast when the model ends its text early.");
   command->callback([options, &exitCode] { exitCode = runBench(*options); });
 }
 

@@ -1,5 +1,6 @@
 #include "orb/model_session.h"
 
+#include <chrono>
 #include <cstdlib>
 
 #include "orb/exit_codes.h"
@@ -46,7 +47,9 @@ int ModelSession::open(const ModelOptions& options) {
   allowLargeFile(options.model);
   if (!loadPlugin(host_, options.plugin)) return kFailure;
   std::string error;
+  const auto start = std::chrono::steady_clock::now();
   runtime_ = host_.open(options.model, error);
+  createSeconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   if (runtime_ != nullptr) return kOk;
   return fail(options.model, "expected a model that the runtime opens, found \"" + error +
                                  "\"; orb info --check says what is wrong with it");

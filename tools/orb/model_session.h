@@ -28,12 +28,16 @@ class ModelSession {
 
   Runtime& runtime() { return *runtime_; }
 
+  // How long the plug-in took to open the model.
+  double createSeconds() const { return createSeconds_; }
+
   // Closes the model; the plug-in stays.
   void closeModel() { runtime_.reset(); }
 
  private:
   PluginHost host_;
   std::unique_ptr<Runtime> runtime_;
+  double createSeconds_ = 0;
 };
 
 }  // namespace orb
