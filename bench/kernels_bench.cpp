@@ -1,6 +1,7 @@
 // Speed of the product kernels by tier, type and number of threads. Products of one token read
-// memory: GB/s and the share of a pure read by as many threads, measured first. Products of a batch
-// compute: GFLOP/s. Rows as long as a 4B model's hidden size.
+// memory: GB/s and the share of a pure read. Products of a batch compute: GFLOP/s and the share of
+// multiply-adds that read nothing. Both yardsticks are measured in the same run, with as many
+// threads. Rows as long as a 4B model's hidden size.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -8,12 +9,14 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "model/kernels/kernel_table.h"
 #include "model/team.h"
 #include "model/weight_rows.h"
 #include "model/zeroed_array.h"
+#include "multiply_probe.h"
 #include "orb/read_probe.h"
 #include "quant/quant_type.h"
 
@@ -25,6 +28,7 @@ using qwen35::KernelTable;
 constexpr size_t kCols = 2560;
 constexpr size_t kBytes = size_t{512} << 20;  // far more than the caches hold
 constexpr size_t kBatchBytes = size_t{4} << 20;
+constexpr size_t kRowStep = 16;     // of the split between threads
 constexpr uint16_t kHalf = 0x1c00;  // 2^-8: keeps sums in range whatever the codes are
 constexpr QuantType kTypes[] = {QuantType::F32,  QuantType::BF16, QuantType::Q8_0,
                                 QuantType::Q4_K, QuantType::Q5_K, QuantType::Q6_K};
@@ -37,8 +41,9 @@ class Weights {
     uint64_t state = 1;
     for (size_t at = 0; at + 8 <= bytes_.size(); at += 8) {
       state = state * 6364136223846793005u + 1442695040888963407u;
+      // Numbers of either sign from 2^-7 to 2^-3: denormal ones would be slow.
       const uint64_t word = type == QuantType::F32 || type == QuantType::BF16
-                                ? (state & 0x3f803f803f803f80u)
+                                ? (state & 0x81ff81ff81ff81ffu) | 0x3c003c003c003c00u
                                 : state ^ state >> 29;
       std::memcpy(bytes_.data() + at, &word, sizeof word);
     }
@@ -108,46 +113,77 @@ void readWeights(benchmark::State& state, const KernelTable& tier, QuantType typ
   state.counters["of_read"] = Counter(bytes / probe, Counter::kIsIterationInvariantRate);
 }
 
-void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType type) {
+double multiplySpeed(const KernelTable& tier, int threads) {
+  static std::map<std::pair<const KernelTable*, int>, double> speeds;
+  double& speed = speeds[{&tier, threads}];
+  if (speed == 0) speed = orb::measureMultiplySpeed(tier.name, threads);
+  return speed;
+}
+
+// The inputs of a batch in the form that a tier's products of a type take.
+struct BatchInputs {
+  size_t width = kCols;
+  qwen35::ZeroedArray x = inputs(qwen35::kMaxBatch);
+
+  BatchInputs(const KernelTable& tier, QuantType type) {
+    const auto arrange = tier.arrange[static_cast<size_t>(type)];
+    if (arrange == nullptr) return;
+    width = qwen35::arrangedWidth(kCols);
+    qwen35::ZeroedArray arranged;
+    arranged.resize(qwen35::kMaxBatch * width);
+    for (size_t t = 0; t < qwen35::kMaxBatch; ++t) {
+      arrange(x.data() + t * kCols, kCols, arranged.data() + t * width);
+    }
+    std::swap(x, arranged);
+  }
+};
+
+void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType type, int threads) {
+  const double probe = multiplySpeed(tier, threads);
   const Weights& weights = weightsOf(type);
-  const qwen35::ZeroedArray x = inputs(qwen35::kMaxBatch);
+  const BatchInputs batch(tier, type);
   const size_t rows = weights.rows(kBatchBytes);
   std::vector<float> y(rows * qwen35::kMaxBatch);
   qwen35::ZeroedArray scratch;
-  scratch.resize(qwen35::kBatchScratch);
-  const auto index = static_cast<size_t>(type);
-  const auto arrange = tier.arrange[index];
-  const size_t width = arrange != nullptr ? qwen35::arrangedWidth(kCols) : kCols;
-  qwen35::ZeroedArray arranged;
-  arranged.resize(qwen35::kMaxBatch * width);
-  const float* input = arrange != nullptr ? arranged.data() : x.data();
-  const qwen35::Batch batch = {input, width, y.data(), rows, qwen35::kMaxBatch, scratch.data()};
+  scratch.resize(qwen35::kBatchScratch * static_cast<size_t>(threads));
+  const auto multiply = tier.gemm[static_cast<size_t>(type)];
   for (auto _ : state) {
-    for (size_t t = 0; arrange != nullptr && t < qwen35::kMaxBatch; ++t) {
-      arrange(x.data() + t * kCols, kCols, arranged.data() + t * width);
+#pragma omp parallel num_threads(threads)
+    {
+      const auto self = static_cast<size_t>(omp_get_thread_num());
+      const auto firstRow = [&](size_t thread) {
+        return rows * thread / static_cast<size_t>(threads) / kRowStep * kRowStep;
+      };
+      const size_t first = firstRow(self);
+      const size_t last = self + 1 == static_cast<size_t>(threads) ? rows : firstRow(self + 1);
+      multiply(weights.data() + first * weights.rowBytes(), weights.rowBytes(), last - first, kCols,
+               {batch.x.data(), batch.width, y.data() + first, rows, qwen35::kMaxBatch,
+                scratch.data() + self * qwen35::kBatchScratch});
     }
-    tier.gemm[index](weights.data(), weights.rowBytes(), rows, kCols, batch);
     benchmark::ClobberMemory();
   }
   const auto operations = static_cast<double>(2 * rows * kCols * qwen35::kMaxBatch);
   using benchmark::Counter;
   state.counters["FLOP/s"] = Counter(operations, Counter::kIsIterationInvariantRate);
+  state.counters["of_multiply"] = Counter(operations / probe, Counter::kIsIterationInvariantRate);
 }
 
 void registerAll() {
+  const std::pair<std::string, decltype(&readWeights)> measurements[] = {
+      {"one_token/", readWeights}, {"batch/", multiplyBatch}};
   const int most = omp_get_max_threads();
   for (const QuantType type : kTypes) {
     for (const KernelTable* tier : qwen35::allKernels()) {
       if (!qwen35::canRun(*tier)) continue;
       const std::string name = std::string(kiv::quantTypeName(type)) + "/" + tier->name;
       for (int threads = 1; threads <= most; threads += std::max(most - 1, 1)) {
-        const std::string label = "one_token/" + name + "/threads:" + std::to_string(threads);
-        benchmark::RegisterBenchmark(label.c_str(), readWeights, std::cref(*tier), type, threads)
-            ->UseRealTime()
-            ->Unit(benchmark::kMillisecond);
+        for (const auto& [what, measure] : measurements) {
+          const std::string label = what + name + "/threads:" + std::to_string(threads);
+          benchmark::RegisterBenchmark(label.c_str(), measure, std::cref(*tier), type, threads)
+              ->UseRealTime()
+              ->Unit(benchmark::kMillisecond);
+        }
       }
-      benchmark::RegisterBenchmark(("batch/" + name).c_str(), multiplyBatch, std::cref(*tier), type)
-          ->Unit(benchmark::kMillisecond);
     }
   }
 }

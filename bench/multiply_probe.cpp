@@ -1,0 +1,85 @@
+#include "multiply_probe.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace orb {
+namespace {
+
+constexpr size_t kRounds = size_t{1} << 20;
+constexpr int kPasses = 5;
+
+// As many independent sums as hide the latency of a multiply-add and fit 16 registers.
+constexpr size_t kSums = 12;
+
+template <size_t kWidth>
+struct Vector {
+  typedef float Type __attribute__((vector_size(kWidth)));
+};
+
+template <size_t kWidth>
+[[gnu::always_inline]] inline float multiplyAdd() {
+  using Floats = typename Vector<kWidth>::Type;
+  volatile float factor = 0.5f;
+  const Floats a = Floats{} + factor;
+  const Floats b = Floats{} + factor;
+  Floats sums[kSums] = {};
+  for (size_t round = 0; round < kRounds; ++round) {
+#pragma GCC unroll 12
+    for (size_t s = 0; s < kSums; ++s) sums[s] = sums[s] * a + b;
+  }
+  Floats total{};
+  for (const Floats& sum : sums) total += sum;
+  return total[0];
+}
+
+float multiplyBaseline() { return multiplyAdd<16>(); }
+
+[[gnu::target("avx2,fma")]] float multiplyAvx2() { return multiplyAdd<32>(); }
+
+[[gnu::target("avx512f")]] float multiplyAvx512() { return multiplyAdd<64>(); }
+
+struct Probe {
+  const char* tier;
+  float (*run)();
+  double operations;  // of one run
+};
+
+constexpr double lanes(size_t width) {
+  return static_cast<double>(2 * kRounds * kSums * width / sizeof(float));
+}
+
+constexpr Probe kProbes[] = {{"scalar", multiplyBaseline, lanes(16)},
+                             {"avx2", multiplyAvx2, lanes(32)},
+                             {"avx512", multiplyAvx512, lanes(64)}};
+
+double secondsOfPass(const Probe& probe, int threads) {
+  const auto start = std::chrono::steady_clock::now();
+#pragma omp parallel num_threads(threads)
+  {
+    volatile float sink = probe.run();
+    static_cast<void>(sink);
+  }
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+}  // namespace
+
+double measureMultiplySpeed(const char* tier, int threads) {
+  const auto probe = std::find_if(std::begin(kProbes), std::end(kProbes), [&](const Probe& p) {
+    return std::strcmp(p.tier, tier) == 0;
+  });
+  if (probe == std::end(kProbes)) return 0;
+  double best = 0;
+  for (int pass = 0; pass < kPasses; ++pass) {
+    best = std::max(best, probe->operations * threads / secondsOfPass(*probe, threads));
+  }
+  return best;
+}
+
+}  // namespace orb
