@@ -71,9 +71,8 @@ double secondsOfPass(const Probe& probe, int threads) {
 }  // namespace
 
 double measureMultiplySpeed(const char* tier, int threads) {
-  const auto probe = std::find_if(std::begin(kProbes), std::end(kProbes), [&](const Probe& p) {
-    return std::strcmp(p.tier, tier) == 0;
-  });
+  const auto probe = std::find_if(std::begin(kProbes), std::end(kProbes),
+                                  [&](const Probe& p) { return std::strcmp(p.tier, tier) == 0; });
   if (probe == std::end(kProbes)) return 0;
   double best = 0;
   for (int pass = 0; pass < kPasses; ++pass) {

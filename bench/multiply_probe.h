@@ -4,7 +4,8 @@
 namespace orb {
 
 // Operations per second, two for each multiply-add, of as many threads at a time with the widest
-// registers that a kernel tier uses and nothing read from memory. 0 for a tier that it doesn't know.
+// registers that a kernel tier uses and nothing read from memory. 0 for a tier that it doesn't
+// know.
 double measureMultiplySpeed(const char* tier, int threads);
 
 }  // namespace orb
