@@ -1,5 +1,5 @@
-// What a token of the demo model costs beside its arithmetic: the share of all threads' time that is
-// not spent in kernels, but in handing out work, waiting for each other, and the steps between.
+// What a token of the demo model costs beside its arithmetic: the share of all threads' time that
+// is not spent in kernels, but in handing out work, waiting for each other, and the steps between.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 #include <x86intrin.h>

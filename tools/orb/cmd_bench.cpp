@@ -174,10 +174,10 @@ class Measurement {
     return true;
   }
 
-  // One conversation that grows from context to context.
+  // The conversation grows from context to context; one that it has passed begins a new one.
   bool generations(std::vector<Generation>& generations) {
-    runtime_.reset();
     for (const uint64_t context : options_.contexts) {
+      if (contextTokens(runtime_) > context + context / 10) runtime_.reset();
       const uint64_t held = contextTokens(runtime_);
       const uint64_t missing = context - std::min(context, held);
       // The question is a turn by itself.
