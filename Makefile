@@ -13,7 +13,7 @@ help:
 	@echo 'make coverage lines and branches of reader and tokenizer that the tests reach'
 	@echo 'make soak     SOAK_TURNS turns (10000) on the demo model; memory must not grow'
 	@echo 'make validate the plug-in against the rules of the C interface'
-	@echo 'make bench    measure the demo model and the kernels on this machine'
+	@echo 'make bench    measure kernels, models, sampler and tokenizer on this machine (8 GB of models)'
 	@echo 'make windows  build for 64-bit Windows: dist/orb-qwen35-windows-x64.zip'
 	@echo 'make test-windows  the tests of that build under wine'
 	@echo 'make dist     the same for this system: dist/orb-qwen35-linux-x64.tar.gz'

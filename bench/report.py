@@ -105,7 +105,9 @@ class Plot:
                            for x, y in places]
 
 
-def write_picture(path, plots, names):
+def picture(folder, name, title, plots, names):
+    """Writes the picture and returns the Markdown that shows it."""
+    file = f"performance-{name}.svg"
     width = len(plots) * (Plot.LEFT + Plot.WIDTH) + 20
     height = Plot.TOP + Plot.HEIGHT + 70
     legend, x = [], Plot.LEFT
@@ -113,12 +115,13 @@ def write_picture(path, plots, names):
         legend.append(f'<rect x="{x}" y="{height - 22}" width="12" height="12" fill="{colour}"/>'
                       f'<text x="{x + 17}" y="{height - 12}">{name}</text>')
         x += 40 + 7 * len(name)
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
-                   f'font-family="sans-serif" font-size="12">\n<rect width="100%" height="100%" '
-                   'fill="white"/>\n')
-        file.write("\n".join(part for plot in plots for part in plot.parts) + "\n")
-        file.write("\n".join(legend) + "\n</svg>\n")
+    with open(os.path.join(folder, file), "w", encoding="utf-8") as out:
+        out.write(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
+                  f'font-family="sans-serif" font-size="12">\n<rect width="100%" height="100%" '
+                  'fill="white"/>\n')
+        out.write("\n".join(part for plot in plots for part in plot.parts) + "\n")
+        out.write("\n".join(legend) + "\n</svg>\n")
+    return f"\n![{title}]({file})\n"
 
 
 def scale(highest):
@@ -164,8 +167,7 @@ def kernel_report(folder, plots):
         panel.bars(quants, [(tier, [results.get((kind, quant, tier, counts[-1]), {}).get(share)
                                     for quant in quants]) for tier in tiers])
         panels.append(panel)
-    write_picture(os.path.join(plots, "performance-kernels.svg"), panels, tiers)
-    return text
+    return text + picture(plots, "kernels", "Shares by type and tier", panels, tiers)
 
 
 def model_report(folder, plots):
@@ -208,9 +210,10 @@ def model_report(folder, plots):
             panel.grid(ticks, "{:g}".format)
             panel.lines(wanted, shown)
             panels.append((file, panel))
-    for file in ("batch", "context"):
-        write_picture(os.path.join(plots, f"performance-{file}.svg"),
-                      [panel for name, panel in panels if name == file], list(measured))
+    for file, title in (("batch", "Speed over the length of a prompt"),
+                        ("context", "Speed over the context")):
+        text += picture(plots, file, title, [panel for name, panel in panels if name == file],
+                        list(measured))
     return text
 
 
