@@ -1,7 +1,7 @@
 // Speed of the product kernels by tier, type and number of threads. Products of one token read
 // memory: GB/s and the share of a pure read. Products of a batch compute: GFLOP/s and the share of
-// multiply-adds that read nothing. Both yardsticks are measured in the same run, with as many
-// threads. Rows as long as a 4B model's hidden size.
+// multiply-adds that read nothing, on the tile unit where the tier uses that. Both yardsticks are
+// measured in the same run, with as many threads. Rows as long as a 4B model's hidden size.
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -168,22 +168,35 @@ void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType t
   state.counters["of_multiply"] = Counter(operations / probe, Counter::kIsIterationInvariantRate);
 }
 
-void registerAll() {
-  const std::pair<std::string, decltype(&readWeights)> measurements[] = {
-      {"one_token/", readWeights}, {"batch/", multiplyBatch}};
+using Measurement = void (*)(benchmark::State& state, const KernelTable& tier, QuantType type,
+                             int threads);
+
+void registerFor(const std::string& name, Measurement measure, const KernelTable& tier,
+                 QuantType type) {
   const int most = omp_get_max_threads();
+  for (int threads = 1; threads <= most; threads += std::max(most - 1, 1)) {
+    const std::string label = name + "/" + kiv::quantTypeName(type) + "/" + tier.name +
+                              "/threads:" + std::to_string(threads);
+    benchmark::RegisterBenchmark(label.c_str(), measure, std::cref(tier), type, threads)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+  }
+}
+
+// What a tier has from the one below it is not measured again.
+void registerAll() {
   for (const QuantType type : kTypes) {
+    const auto index = static_cast<size_t>(type);
+    const KernelTable* below = nullptr;
     for (const KernelTable* tier : qwen35::allKernels()) {
       if (!qwen35::canRun(*tier)) continue;
-      const std::string name = std::string(kiv::quantTypeName(type)) + "/" + tier->name;
-      for (int threads = 1; threads <= most; threads += std::max(most - 1, 1)) {
-        for (const auto& [what, measure] : measurements) {
-          const std::string label = what + name + "/threads:" + std::to_string(threads);
-          benchmark::RegisterBenchmark(label.c_str(), measure, std::cref(*tier), type, threads)
-              ->UseRealTime()
-              ->Unit(benchmark::kMillisecond);
-        }
+      if (below == nullptr || below->gemv[index] != tier->gemv[index]) {
+        registerFor("one_token", readWeights, *tier, type);
       }
+      if (below == nullptr || below->gemm[index] != tier->gemm[index]) {
+        registerFor("batch", multiplyBatch, *tier, type);
+      }
+      below = tier;
     }
   }
 }

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 namespace orb {
 namespace {
@@ -44,6 +45,35 @@ float multiplyBaseline() { return multiplyAdd<16>(); }
 
 [[gnu::target("avx512f")]] float multiplyAvx512() { return multiplyAdd<64>(); }
 
+// Tiles of 16 rows of 64 bytes: bf16 pairs on the right, floats on the left. The tier's check has
+// asked the system for them.
+constexpr size_t kTileProducts = 4;
+constexpr double kTileOperations = 2 * 16 * 16 * 32;
+
+float multiplyTiles() {
+  struct alignas(64) {
+    uint8_t palette = 1;
+    uint8_t start = 0;
+    uint8_t reserved[14] = {};
+    uint16_t bytes[16] = {64, 64, 64, 64, 64, 64, 64, 64};
+    uint8_t rows[16] = {16, 16, 16, 16, 16, 16, 16, 16};
+  } const shape;
+  static_assert(sizeof shape == 64);
+  __asm__ volatile(
+      "ldtilecfg %0\n\t"
+      "tilezero %%tmm0\n\ttilezero %%tmm1\n\ttilezero %%tmm2\n\ttilezero %%tmm3\n\t"
+      "tilezero %%tmm4\n\ttilezero %%tmm5\n\ttilezero %%tmm6\n\ttilezero %%tmm7"
+      :
+      : "m"(shape));
+  for (size_t round = 0; round < kRounds; ++round) {
+    __asm__ volatile(
+        "tdpbf16ps %tmm6, %tmm4, %tmm0\n\ttdpbf16ps %tmm7, %tmm4, %tmm1\n\t"
+        "tdpbf16ps %tmm6, %tmm5, %tmm2\n\ttdpbf16ps %tmm7, %tmm5, %tmm3");
+  }
+  __asm__ volatile("tilerelease");
+  return 0;
+}
+
 struct Probe {
   const char* tier;
   float (*run)();
@@ -56,7 +86,8 @@ constexpr double lanes(size_t width) {
 
 constexpr Probe kProbes[] = {{"scalar", multiplyBaseline, lanes(16)},
                              {"avx2", multiplyAvx2, lanes(32)},
-                             {"avx512", multiplyAvx512, lanes(64)}};
+                             {"avx512", multiplyAvx512, lanes(64)},
+                             {"amx", multiplyTiles, kRounds* kTileProducts* kTileOperations}};
 
 double secondsOfPass(const Probe& probe, int threads) {
   const auto start = std::chrono::steady_clock::now();

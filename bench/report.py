@@ -138,12 +138,14 @@ def kernel_report(folder, plots):
         results[kind, quant, tier, int(threads.split(":")[1])] = run
     if not results:
         return ""
-    quants, tiers, counts = (list(dict.fromkeys(key[i] for key in results)) for i in (1, 2, 3))
+    quants, every_tier, counts = (list(dict.fromkeys(key[i] for key in results)) for i in (1, 2, 3))
     text, panels = "", []
     for kind, speed, share, unit, title in (
             ("one_token", "B/s", "of_read", "GB/s", "Products of one token, share of a pure read"),
             ("batch", "FLOP/s", "of_multiply", "GFLOP/s",
              "Products of 64 tokens, share of multiply-adds in registers")):
+        # A tier has products from the one below it, which are not measured again.
+        tiers = [tier for tier in every_tier if any(key[:3:2] == (kind, tier) for key in results)]
         for threads in counts:
             rows = []
             for quant in quants:
@@ -167,7 +169,7 @@ def kernel_report(folder, plots):
         panel.bars(quants, [(tier, [results.get((kind, quant, tier, counts[-1]), {}).get(share)
                                     for quant in quants]) for tier in tiers])
         panels.append(panel)
-    return text + picture(plots, "kernels", "Shares by type and tier", panels, tiers)
+    return text + picture(plots, "kernels", "Shares by type and tier", panels, every_tier)
 
 
 def model_report(folder, plots):
