@@ -95,15 +95,24 @@ int32_t firstOf(const float* logits, size_t count, float factor, float score) {
   return found == end ? 0 : static_cast<int32_t>(found - logits);
 }
 
-// Bins and, to about 1e-11 of each, weights of the scores. Weights of the last bin are undefined.
-// Plain loops of constant length, which the compiler turns into vectors.
-[[gnu::always_inline]] inline void weighBlock(const float* scores, float best, uint16_t* bins,
+// The scores of a block; beyond the last logit infinitely bad ones, which go to the last bin.
+void scoreBlock(const float* logits, size_t count, float factor, float* scores) {
+  const size_t size = std::min(kBlock, count);
+  for (size_t j = 0; j < size; ++j) scores[j] = factor * logits[j];
+  std::fill(scores + size, scores + kBlock, -kInfinity);
+}
+
+// Bins and, unless there is no place for them, weights of the scores to about 1e-11 of each; what
+// the weights of the last bin are is undefined. Plain loops of constant length, which the compiler
+// turns into vectors.
+[[gnu::always_inline]] inline void weighBlock(const float* scores, float best, int16_t* bins,
                                               double* weights) {
   for (size_t j = 0; j < kBlock; ++j) {
     const auto bits = std::bit_cast<int32_t>(best - scores[j]) & INT32_MAX;
     const int32_t bin = std::max((bits >> 16) - kFirstBin, 0);
-    bins[j] = static_cast<uint16_t>(std::min(bin, kBins - 1));
+    bins[j] = static_cast<int16_t>(std::min(bin, kBins - 1));
   }
+  if (weights == nullptr) return;
   constexpr double kLog2E = 1.4426950408889634;
   constexpr double kLn2 = 0.6931471805599453;
   constexpr double kRounder = 0x1.8p52;  // leaves the nearest integer in the low bits
@@ -127,28 +136,40 @@ int32_t firstOf(const float* logits, size_t count, float factor, float score) {
   }
 }
 
-void weighBaseline(const float* scores, float best, uint16_t* bins, double* weights) {
+void weighBaseline(const float* scores, float best, int16_t* bins, double* weights) {
   weighBlock(scores, best, bins, weights);
 }
 
-[[gnu::target("avx2")]] void weighAvx2(const float* scores, float best, uint16_t* bins,
+[[gnu::target("avx2")]] void weighAvx2(const float* scores, float best, int16_t* bins,
                                        double* weights) {
   weighBlock(scores, best, bins, weights);
 }
 
 [[gnu::target("avx512f,avx512bw,avx512vl,avx512dq")]] void weighAvx512(const float* scores,
-                                                                       float best, uint16_t* bins,
+                                                                       float best, int16_t* bins,
                                                                        double* weights) {
   weighBlock(scores, best, bins, weights);
 }
 
-using WeighFunction = void (*)(const float* scores, float best, uint16_t* bins, double* weights);
+using WeighFunction = void (*)(const float* scores, float best, int16_t* bins, double* weights);
 
 WeighFunction widestWeigh() {
   const uint32_t features = compat::cpuFeatures();
   if ((features & compat::kCpuAvx512) != 0) return weighAvx512;
   if ((features & compat::kCpuAvx2) != 0) return weighAvx2;
   return weighBaseline;
+}
+
+// Whether one of a block's bins is not after the last one.
+bool anyUpTo(const int16_t* bins, int16_t last) {
+  const __m128i limit = _mm_set1_epi16(last);
+  __m128i after = _mm_set1_epi16(-1);
+  for (size_t j = 0; j < kBlock; j += 8) {
+    __m128i part;
+    std::memcpy(&part, bins + j, sizeof part);
+    after = _mm_and_si128(after, _mm_cmpgt_epi16(part, limit));
+  }
+  return _mm_movemask_epi8(after) != 0xffff;
 }
 
 }  // namespace
@@ -198,23 +219,27 @@ int32_t Sampler::chooseBySorting(const Scores& scores, size_t kept, double draw)
 // when the draw comes so close to the border of two candidates that rounding decides.
 int32_t Sampler::chooseByBins(const Scores& scores, float best, size_t kept, double draw) {
   const bool limited = kept < scores.count;
-  fillBins(scores, best, limited);
-  size_t last = kBins - 1;
+  bins_.resize((scores.count + kBlock - 1) / kBlock * kBlock);
+  int16_t last = kBins - 1;
+  size_t better = 0;  // candidates in the bins before the last
+  if (limited) {
+    countBins(scores, best);
+    for (last = 0; better + counts_[last] < kept; ++last) better += counts_[last];
+  }
+  addWeights(scores, best, last);
   std::span<const Candidate> end;  // those of the last bin that are kept
   if (limited) {
-    size_t before = 0;
-    for (last = 0; before + counts_[last] < kept; ++last) before += counts_[last];
-    end = ranked(scores, last).first(kept - before);
+    end = ranked(scores, last).first(kept - better);
     masses_[last] = 0;
     for (const Candidate candidate : end) masses_[last] += weightOf(scores.of(candidate), best);
   }
   double mass = 0;
-  for (size_t bin = 0; bin <= last; ++bin) mass += masses_[bin];
+  for (int16_t bin = 0; bin <= last; ++bin) mass += masses_[bin];
   const double target = draw * mass;
   const double doubt = doubtfulShare(scores.count) * mass;
 
   double before = 0;
-  size_t bin = 0;
+  int16_t bin = 0;
   for (; bin < last && before + masses_[bin] < target; ++bin) before += masses_[bin];
   for (const Candidate candidate : limited&& bin == last ? end : ranked(scores, bin)) {
     const double after = before + weightOf(scores.of(candidate), best);
@@ -226,38 +251,48 @@ int32_t Sampler::chooseByBins(const Scores& scores, float best, size_t kept, dou
   return -1;
 }
 
-void Sampler::fillBins(const Scores& scores, float best, bool counted) {
+void Sampler::countBins(const Scores& scores, float best) {
   const WeighFunction weigh = widestWeigh();
-  bins_.resize((scores.count + kBlock - 1) / kBlock * kBlock);
-  masses_.assign(2 * kBins, 0.0);
   counts_.assign(kBins, 0);
+  uint32_t* const counts = counts_.data();
+  float block[kBlock];
+  for (size_t first = 0; first < scores.count; first += kBlock) {
+    scoreBlock(scores.logits + first, scores.count - first, scores.factor, block);
+    int16_t* const bins = bins_.data() + first;
+    weigh(block, best, bins, nullptr);
+    for (size_t j = 0; j < kBlock; ++j) ++counts[bins[j]];
+  }
+}
+
+// Sums up the weights of the bins up to the last one that counts. Where that is not the last of
+// all, the scores have their bins already, and blocks without one that counts are passed over.
+void Sampler::addWeights(const Scores& scores, float best, int16_t last) {
+  const WeighFunction weigh = widestWeigh();
+  masses_.assign(2 * kBins, 0.0);
   // Two sums a bin: additions to the same one wait for each other.
   double* const even = masses_.data();
   double* const odd = even + kBins;
-  uint32_t* const counts = counts_.data();
   float block[kBlock];
   double weights[kBlock];
   for (size_t first = 0; first < scores.count; first += kBlock) {
-    const size_t size = std::min(kBlock, scores.count - first);
-    for (size_t j = 0; j < size; ++j) block[j] = scores.at(first + j);
-    std::fill(block + size, block + kBlock, -kInfinity);  // which goes to the last bin
-    uint16_t* bins = bins_.data() + first;
+    int16_t* const bins = bins_.data() + first;
+    if (last < kBins - 1 && !anyUpTo(bins, last)) continue;
+    scoreBlock(scores.logits + first, scores.count - first, scores.factor, block);
     weigh(block, best, bins, weights);
     for (size_t j = 0; j < kBlock; j += 2) {
       even[bins[j]] += weights[j];
       odd[bins[j + 1]] += weights[j + 1];
     }
-    for (size_t j = 0; counted && j < kBlock; ++j) ++counts[bins[j]];
   }
   for (size_t bin = 0; bin < kBins; ++bin) even[bin] += odd[bin];
   masses_[kBins - 1] = 0;
 }
 
 // The candidates of a bin, best first.
-std::span<const Sampler::Candidate> Sampler::ranked(const Scores& scores, size_t bin) {
+std::span<const Sampler::Candidate> Sampler::ranked(const Scores& scores, int16_t bin) {
   candidates_.clear();
   candidates_.reserve(scores.count);  // the one allocation, whatever the later calls need
-  const __m128i wanted = _mm_set1_epi16(static_cast<int16_t>(bin));
+  const __m128i wanted = _mm_set1_epi16(bin);
   for (size_t first = 0; first < scores.count; first += 8) {
     __m128i bins;
     std::memcpy(&bins, bins_.data() + first, sizeof bins);

@@ -38,12 +38,13 @@ class Sampler {
 
   int32_t chooseBySorting(const Scores& scores, size_t kept, double draw);
   int32_t chooseByBins(const Scores& scores, float best, size_t kept, double draw);
-  void fillBins(const Scores& scores, float best, bool counted);
-  std::span<const Candidate> ranked(const Scores& scores, size_t bin);
+  void countBins(const Scores& scores, float best);
+  void addWeights(const Scores& scores, float best, int16_t last);
+  std::span<const Candidate> ranked(const Scores& scores, int16_t bin);
 
   // Kept between calls for their storage.
   std::vector<Candidate> candidates_;
-  std::vector<uint16_t> bins_;    // bin of every logit
+  std::vector<int16_t> bins_;     // bin of every logit
   std::vector<double> masses_;    // sums of weights by bin
   std::vector<uint32_t> counts_;  // logits by bin
 };

@@ -151,7 +151,7 @@ MemoryFacts memoryOf(const ORBLoader& loader, const ModelFacts& facts, uint64_t 
   memory.states = 2 * facts.linearBlocks * stateFloats * sizeof(float);
   memory.workspace =
       sum(product(tokenFloats, qwen35::kMaxBatch * sizeof(float)),
-          product(facts.vocabulary, sizeof(float) + sizeof(uint64_t) + sizeof(uint16_t)));
+          product(facts.vocabulary, sizeof(float) + sizeof(uint64_t) + sizeof(int16_t)));
   memory.tokenizer = tokenizerBytes(loader.tokenizer);
   return memory;
 }
