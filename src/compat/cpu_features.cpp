@@ -1,6 +1,10 @@
 #include "compat/cpu_features.h"
 
 #include <cpuid.h>
+#ifdef __linux__
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
 
 namespace compat {
 namespace {
@@ -28,7 +32,9 @@ uint32_t detect() {
   constexpr uint32_t kFma = 1u << 12, kOsxsave = 1u << 27, kF16c = 1u << 29;       // leaf 1, ecx
   constexpr uint32_t kAvx2 = 1u << 5;                                              // leaf 7, ebx
   constexpr uint32_t kAvx512 = (1u << 16) | (1u << 17) | (1u << 30) | (1u << 31);  // F DQ BW VL
-  constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6;                            // XCR0
+  constexpr uint32_t kAmx = (1u << 22) | (1u << 24);                // leaf 7, edx: BF16, TILE
+  constexpr uint32_t kBf16 = 1u << 5;                               // leaf 7.1, eax
+  constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6, kTileState = 0x60000;      // XCR0
 
   const Registers one = cpuid(1, 0);
   if (!hasAll(one.ecx, kOsxsave)) return 0;
@@ -38,9 +44,25 @@ uint32_t detect() {
   uint32_t features = 0;
   if (hasAll(one.ecx, kFma | kF16c) && hasAll(seven.ebx, kAvx2) && hasAll(states, kYmmState)) {
     features |= kCpuAvx2;
-    if (hasAll(seven.ebx, kAvx512) && hasAll(states, kZmmState)) features |= kCpuAvx512;
+    if (hasAll(seven.ebx, kAvx512) && hasAll(states, kZmmState)) {
+      features |= kCpuAvx512;
+      if (hasAll(seven.edx, kAmx) && hasAll(cpuid(7, 1).eax, kBf16) &&
+          hasAll(states, kTileState)) {
+        features |= kCpuAmx;
+      }
+    }
   }
   return features;
+}
+
+bool askForTiles() {
+#ifdef __linux__
+  constexpr long kRequestPermission = 0x1023;  // ARCH_REQ_XCOMP_PERM
+  constexpr long kTileData = 18;               // the register state's number
+  return syscall(SYS_arch_prctl, kRequestPermission, kTileData) == 0;
+#else
+  return false;
+#endif
 }
 
 }  // namespace
@@ -48,6 +70,11 @@ uint32_t detect() {
 uint32_t cpuFeatures() {
   static const uint32_t features = detect();
   return features;
+}
+
+bool requestTiles() {
+  static const bool granted = askForTiles();
+  return granted;
 }
 
 }  // namespace compat

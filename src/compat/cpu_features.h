@@ -10,9 +10,15 @@ namespace compat {
 enum CpuFeature : uint32_t {
   kCpuAvx2 = 1u << 0,    // AVX2, FMA and F16C
   kCpuAvx512 = 1u << 1,  // AVX-512 F, BW, VL and DQ
+  kCpuAmx = 1u << 2,     // AMX tiles of BF16, AVX-512 BF16; usable after requestTiles()
 };
 
 // Looked up once; safe from any thread.
 uint32_t cpuFeatures();
+
+// Asks the system, once, to let this process use the tile registers of a CPU that has kCpuAmx; false
+// when it refuses, and on systems that have no such request. From then on the system wants larger
+// alternate signal stacks of this process. Safe from any thread.
+bool requestTiles();
 
 }  // namespace compat

@@ -70,7 +70,7 @@ void arrangeInputs(Model& model, std::span<Product> products) {
 
 }  // namespace
 
-size_t arrangedWidth(uint64_t cols) { return cols / 256 * kArrangedBlock; }
+size_t arrangedWidth(uint64_t cols) { return (cols + 255) / 256 * kArrangedBlock; }
 
 bool hasHook(const Model& model) {
   return model.matVecHook != nullptr && model.matVecContext != nullptr;

@@ -28,7 +28,7 @@ inline std::string tierName(const testing::TestParamInfo<const qwen35::KernelTab
 // The input of a type's product kernels: in arranged form where the tier has one, else as it comes.
 inline size_t arrangedWidth(const qwen35::KernelTable& tier, kiv::QuantType type, size_t cols) {
   const bool arranges = tier.arrange[static_cast<size_t>(type)] != nullptr;
-  return arranges ? cols / 256 * qwen35::kArrangedBlock : cols;
+  return arranges ? (cols + 255) / 256 * qwen35::kArrangedBlock : cols;
 }
 
 inline void arrange(const qwen35::KernelTable& tier, kiv::QuantType type, const float* x,

@@ -7,19 +7,39 @@
 namespace qwen35 {
 namespace {
 
-constexpr const KernelTable* kTiers[] = {&kScalarKernels, &kAvx2Kernels, &kAvx512Kernels};
+#ifdef ORB_TILES
+const KernelTable& tileKernels() {
+  static const KernelTable table = [] {
+    KernelTable tiles = kAvx512Kernels;
+    addTileKernels(tiles);
+    return tiles;
+  }();
+  return table;
+}
+#endif
 
 }  // namespace
 
-std::span<const KernelTable* const> allKernels() { return kTiers; }
+std::span<const KernelTable* const> allKernels() {
+  static const KernelTable* const tiers[] = {
+      &kScalarKernels,
+      &kAvx2Kernels,
+      &kAvx512Kernels,
+#ifdef ORB_TILES
+      &tileKernels(),
+#endif
+  };
+  return tiers;
+}
 
 bool canRun(const KernelTable& kernels) {
-  return (kernels.requiredFeatures & ~compat::cpuFeatures()) == 0;
+  if ((kernels.requiredFeatures & ~compat::cpuFeatures()) != 0) return false;
+  return (kernels.requiredFeatures & compat::kCpuAmx) == 0 || compat::requestTiles();
 }
 
 const KernelTable& selectKernels(const char* name) {
   const KernelTable* best = &kScalarKernels;
-  for (const KernelTable* tier : kTiers) {
+  for (const KernelTable* tier : allKernels()) {
     if (!canRun(*tier)) continue;
     if (name != nullptr && std::strcmp(name, tier->name) == 0) return *tier;
     best = tier;

@@ -20,8 +20,8 @@
 namespace qwen35 {
 
 // Puts the inputs of one token into the form that a type's product kernels read: kArrangedBlock
-// floats for every 256; cols is a multiple of 256. What comes of the first n inputs does not depend
-// on those after them.
+// floats for every 256 inputs or the rest of them. What comes of the first n inputs, n a multiple of
+// the type's block, does not depend on those after them.
 using ArrangeKernel = void (*)(const float* x, size_t cols, float* out);
 
 inline constexpr size_t kArrangedBlock = 256 + 16;
@@ -45,8 +45,8 @@ struct Batch {
 inline constexpr size_t kMaxBatch = 64;
 inline constexpr size_t kBatchRows = 8;    // rows that a batched product decodes together
 inline constexpr size_t kBatchCols = 512;  // elements of each that stay in the nearest cache
-// Accumulators of kBatchRows rows for every token, and the decoded weights.
-inline constexpr size_t kBatchScratch = kBatchRows * (kMaxBatch * 16 + kBatchCols);
+// Decoded weights and accumulators for every token, of whichever tier needs most.
+inline constexpr size_t kBatchScratch = 16 * 1024;
 
 // As GemvKernel for every token of the batch, with the same bits as one token at a time.
 using GemmKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
@@ -77,7 +77,7 @@ struct AttentionPart {
 };
 
 struct KernelTable {
-  const char* name;           // "scalar", "avx2", "avx512"
+  const char* name;           // "scalar", "avx2", "avx512", "amx"
   uint32_t requiredFeatures;  // compat::CpuFeature bits
 
   // By kiv::QuantType; null for the types that no matrix may have.
@@ -105,5 +105,8 @@ struct KernelTable {
 extern const KernelTable kScalarKernels;
 extern const KernelTable kAvx2Kernels;
 extern const KernelTable kAvx512Kernels;
+
+// Makes a copy of the AVX-512 tier the AMX one (Linux only).
+void addTileKernels(KernelTable& table);
 
 }  // namespace qwen35
