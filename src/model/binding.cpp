@@ -111,7 +111,7 @@ void sizeWorkspace(Model& model) {
   w.ffnUp.resizeRows(ffn);
   const uint64_t longest = std::max({model.hiddenSize, ffn, w.heads.width(), w.gated.width()});
   for (size_t type = 0; type < w.arranged.size(); ++type) {
-    if (model.kernels->arrange[type] != nullptr) {
+    if (model.kernels->arrange[type] != nullptr || model.kernels->arrangeBatch[type] != nullptr) {
       w.arranged[type].resizeRows(arrangedWidth(longest));
     }
   }

@@ -40,9 +40,12 @@ void add(const float* a, const float* b, float* sum, size_t n) {
   for (size_t i = 0; i < n; ++i) sum[i] = a[i] + b[i];
 }
 
+enum class Pass { OneToken, Batch };
+
 // All blocks over the embeddings in work.x, up to the final norm; the results are in work.x.
-void runBlocks(Model& model, size_t tokens, size_t pos, ForwardObserver& observer) {
+void runBlocks(Model& model, Pass pass, size_t tokens, size_t pos, ForwardObserver& observer) {
   Workspace& w = model.work;
+  w.isBatch = pass == Pass::Batch;
   const size_t hidden = model.hiddenSize;
   // The diagnostics tell of every block.
   const bool observed = diagnosticsRequested();
@@ -65,6 +68,7 @@ void runBlocks(Model& model, size_t tokens, size_t pos, ForwardObserver& observe
     add(w.residual.data(), w.ffnOut.data(), w.x.data(), tokens * hidden);
     observer.endBlock(i);
   }
+  w.isBatch = false;
   observer.finished();
   for (size_t t = 0; t < tokens; ++t) {
     rmsNorm(w.x.row(t), floats(model.outputNorm), w.x.row(t), hidden, kEpsilon);
@@ -103,7 +107,7 @@ void forwardToken(Model& model, const float* embedding, size_t pos, float* logit
   TokenDiagnostics diagnostics(model, embedding, pos);
   std::copy_n(embedding, model.hiddenSize, model.work.x.data());
   model.team.run([&] {
-    runBlocks(model, 1, pos, diagnostics);
+    runBlocks(model, Pass::OneToken, 1, pos, diagnostics);
     projectLogits(model, model.work.x.data(), logits);
   });
 }
@@ -111,7 +115,7 @@ void forwardToken(Model& model, const float* embedding, size_t pos, float* logit
 void forwardTokenHidden(Model& model, const float* embedding, size_t pos, float* out) {
   HiddenTiming timing(pos);
   std::copy_n(embedding, model.hiddenSize, model.work.x.data());
-  model.team.run([&] { runBlocks(model, 1, pos, timing); });
+  model.team.run([&] { runBlocks(model, Pass::OneToken, 1, pos, timing); });
   std::copy_n(model.work.x.data(), model.hiddenSize, out);
   timing.print();
 }
@@ -125,7 +129,7 @@ bool forwardBatch(Model& model, const int32_t* tokens, size_t count, size_t pos,
   bool finite = false;
   model.team.run([&] {
     ForwardObserver silent;
-    runBlocks(model, count, pos, silent);
+    runBlocks(model, Pass::Batch, count, pos, silent);
     finite = allFinite(w.x.data(), checked * model.hiddenSize);
     if (!finite || logits == nullptr) return;
     projectLogits(model, w.x.row(count - 1), logits);

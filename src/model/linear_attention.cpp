@@ -27,8 +27,8 @@ struct States {
   float* convOut;
 };
 
-States statesFor(Layer& layer, size_t tokens) {
-  const bool inPlace = tokens == 1;
+States statesFor(Layer& layer, bool isBatch) {
+  const bool inPlace = !isBatch;
   return {layer.recurrentState.data(),
           inPlace ? layer.recurrentState.data() : layer.nextRecurrent.data(),
           layer.convState.data(), inPlace ? layer.convState.data() : layer.nextConv.data()};
@@ -120,7 +120,7 @@ void mixHead(Model& model, const Layer& layer, size_t token, size_t h, bool deca
 
 void linearAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
                      size_t blockIndex, size_t pos) {
-  const States states = statesFor(layer, tokens);
+  const States states = statesFor(layer, model.work.isBatch);
   project(model, layer, states, x, tokens);
   const bool decays = std::getenv("QWEN35_NODECAY") == nullptr;
   // One head's state stays in a core's own cache over the whole batch.

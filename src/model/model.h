@@ -101,6 +101,7 @@ struct Workspace {
   TokenRows ffnGate;   // [largest ffn]
   TokenRows ffnUp;     // [largest ffn]
   std::array<TokenRows, 9> arranged;  // by quant type: the input of the current products
+  bool isBatch = false;               // the pass feeds a batch: kernels of batches, states kept
   ZeroedArray batchScratch;           // [thread][kBatchScratch]
   std::vector<AttentionPart> parts;   // [token][key/value head][run of positions]
 };

@@ -41,10 +41,11 @@ void lookUp(Model& model, Product& product) {
   const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
   product.gemv = kernels.gemv[static_cast<size_t>(type)];
   product.gemm = kernels.gemm[static_cast<size_t>(type)];
-  product.arrange = kernels.arrange[static_cast<size_t>(type)];
+  product.arrange = model.work.isBatch ? kernels.arrangeBatch[static_cast<size_t>(type)]
+                                       : kernels.arrange[static_cast<size_t>(type)];
   product.arranged = product.x;
   product.arrangedStride = product.xStride;
-  if (product.tokens == 1 && hasHook(model) && isSuperBlock(type)) {
+  if (!model.work.isBatch && hasHook(model) && isSuperBlock(type)) {
     product.done = model.matVecHook(model.matVecContext, &W, product.x, product.y);
   }
 }
@@ -119,7 +120,7 @@ void addRows(Model& model, const Product& product, size_t first, size_t last, si
   if (product.done || first >= last) return;
   const uint8_t* rows = product.W->data + first * product.rowBytes;
   const size_t cols = product.W->dims[0];
-  if (product.tokens == 1) {
+  if (!model.work.isBatch) {
     product.gemv(rows, product.rowBytes, last - first, cols, product.arranged, product.y + first);
     return;
   }

@@ -84,13 +84,13 @@ bool prefill(Qwen35Session& session, const std::vector<int32_t>& tokens) {
   const bool batches = canBatch(session.model);
   std::span<const int32_t> rest(tokens);
   while (!rest.empty()) {
-    const size_t count = batches ? std::max<size_t>(batchSize(session, rest), 1) : 1;
-    const auto batch = rest.first(count);
-    rest = rest.subspan(count);
-    if (count > 1 && feedPromptBatch(session, batch, rest.empty())) continue;
+    const size_t fitting = batches ? batchSize(session, rest) : 0;
+    const auto batch = rest.first(std::max<size_t>(fitting, 1));
+    rest = rest.subspan(batch.size());
+    if (fitting > 0 && feedPromptBatch(session, batch, rest.empty())) continue;
     // Single tokens, and a batch that failed: one by one up to the token that fails.
-    for (size_t i = 0; i < count; ++i) {
-      const bool isLast = rest.empty() && i + 1 == count;
+    for (size_t i = 0; i < batch.size(); ++i) {
+      const bool isLast = rest.empty() && i + 1 == batch.size();
       if (!feedPromptToken(session, batch[i], isLast)) return false;
     }
   }

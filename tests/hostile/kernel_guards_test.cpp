@@ -71,10 +71,11 @@ struct Weights {
 class ProductGuardsTest : public TierTest {
  protected:
   // The inputs of one token in the form that the type's kernels take.
-  std::vector<float> arranged(QuantType type, const std::vector<float>& x, Side side) const {
-    const auto kernel = kernels().arrange[static_cast<size_t>(type)];
+  std::vector<float> arranged(QuantType type, const std::vector<float>& x, Side side,
+                              Kernels which = Kernels::OneToken) const {
+    const auto kernel = arrangeKernel(kernels(), type, which);
     if (kernel == nullptr) return x;
-    const size_t width = arrangedWidth(kernels(), type, x.size());
+    const size_t width = arrangedWidth(kernels(), type, x.size(), which);
     GuardedBuffer in(x, side);
     GuardedBuffer out(width * sizeof(float), side);
     kernel(in.floats(), x.size(), out.floats());
@@ -82,11 +83,12 @@ class ProductGuardsTest : public TierTest {
   }
 
   // One token after the other in free memory.
-  std::vector<float> single(const Weights& w, const std::vector<float>& x, size_t tokens) const {
+  std::vector<float> single(const Weights& w, const std::vector<float>& x, size_t tokens,
+                            Kernels which = Kernels::OneToken) const {
     std::vector<float> y(w.rows * tokens, 0.5f);
     for (size_t t = 0; t < tokens; ++t) {
       addProduct(kernels(), w.type, w.bytes.data(), w.rowBytes, w.rows, w.cols,
-                 x.data() + t * w.cols, y.data() + t * w.rows);
+                 x.data() + t * w.cols, y.data() + t * w.rows, which);
     }
     return y;
   }
@@ -94,14 +96,14 @@ class ProductGuardsTest : public TierTest {
   // All tokens in one call; the strides leave gaps of which the last token has none.
   std::vector<float> batched(const Weights& w, const std::vector<float>& x, size_t tokens,
                              size_t gap, Side side) const {
-    const size_t width = arrangedWidth(kernels(), w.type, w.cols);
+    const size_t width = arrangedWidth(kernels(), w.type, w.cols, Kernels::Batch);
     const size_t xStride = width + gap;
     const size_t yStride = w.rows + gap;
     std::vector<float> inputs(tokens * xStride - gap, NAN);
     for (size_t t = 0; t < tokens; ++t) {
       const auto from = x.begin() + static_cast<ptrdiff_t>(t * w.cols);
       const std::vector<float> token(from, from + static_cast<ptrdiff_t>(w.cols));
-      const std::vector<float> form = arranged(w.type, token, side);
+      const std::vector<float> form = arranged(w.type, token, side, Kernels::Batch);
       std::copy(form.begin(), form.end(), inputs.begin() + static_cast<ptrdiff_t>(t * xStride));
     }
     GuardedBuffer rows(w.bytes, side);
@@ -124,7 +126,7 @@ class ProductGuardsTest : public TierTest {
     SCOPED_TRACE(std::string(kiv::quantTypeName(w.type)) + ", " + std::to_string(w.rows) +
                  " rows of " + std::to_string(w.cols) + ", " + std::to_string(tokens) + " tokens");
     const std::vector<float> x = normals(tokens * w.cols, 3);
-    const std::vector<float> expected = single(w, x, tokens);
+    const std::vector<float> expected = single(w, x, tokens, batchReference(kernels(), w.type));
     for (const Side side : kSides) expectSame(batched(w, x, tokens, gap, side), expected);
   }
 };
@@ -132,13 +134,13 @@ ORB_INSTANTIATE_TIERS(ProductGuardsTest);
 
 TEST_P(ProductGuardsTest, ArrangedInputsHaveTheBitsOfFreeMemory) {
   for (const QuantType type : kMatrixTypes) {
-    const auto kernel = kernels().arrange[static_cast<size_t>(type)];
-    if (kernel == nullptr) continue;
-    for (const size_t cols : {256, 512, 2560}) {
-      const std::vector<float> x = normals(cols, 1);
-      std::vector<float> expected(arrangedWidth(kernels(), type, cols));
-      kernel(x.data(), cols, expected.data());
-      for (const Side side : kSides) expectSame(arranged(type, x, side), expected);
+    for (const Kernels which : {Kernels::OneToken, Kernels::Batch}) {
+      for (const size_t cols : {256, 512, 2560}) {
+        const std::vector<float> x = normals(cols, 1);
+        std::vector<float> expected(arrangedWidth(kernels(), type, cols, which));
+        arrange(kernels(), type, x.data(), cols, expected.data(), which);
+        for (const Side side : kSides) expectSame(arranged(type, x, side, which), expected);
+      }
     }
   }
 }

@@ -19,6 +19,7 @@ using kiv::QuantType;
 using orbtest::decodeRow;
 using orbtest::GuardedBuffer;
 using orbtest::kAllPatterns;
+using orbtest::Kernels;
 using orbtest::makeRow;
 using orbtest::Pattern;
 using orbtest::Side;
@@ -126,8 +127,11 @@ struct Matrix {
   size_t rows() const { return weights.size(); }
 };
 
-// The parameters are the tier and the type of the weights.
-class GemvTest : public testing::TestWithParam<std::tuple<const KernelTable*, QuantType>> {
+using Case = std::tuple<const KernelTable*, QuantType, Kernels>;
+
+// The parameters are the tier, the type of the weights, and whether its kernels of one token or of
+// batches, with one token, are meant.
+class GemvTest : public testing::TestWithParam<Case> {
  protected:
   void SetUp() override {
     const KernelTable& tier = *std::get<0>(GetParam());
@@ -136,6 +140,7 @@ class GemvTest : public testing::TestWithParam<std::tuple<const KernelTable*, Qu
     ASSERT_NE(tier.gemv[static_cast<size_t>(type())], nullptr);
   }
   QuantType type() const { return std::get<1>(GetParam()); }
+  Kernels which() const { return std::get<2>(GetParam()); }
 
   std::vector<size_t> rowLengths() const {
     std::vector<size_t> lengths = {256, 512, 2560, 9216};
@@ -175,22 +180,38 @@ class GemvTest : public testing::TestWithParam<std::tuple<const KernelTable*, Qu
 
   void addProduct(const uint8_t* rows, size_t rowBytes, size_t count, size_t cols, const float* x,
                   float* y) const {
-    orbtest::addProduct(*tier_, type(), rows, rowBytes, count, cols, x, y);
+    orbtest::addProduct(*tier_, type(), rows, rowBytes, count, cols, x, y, which());
   }
 
   const KernelTable* tier_ = nullptr;
 };
 
-std::string gemvName(
-    const testing::TestParamInfo<std::tuple<const KernelTable*, QuantType>>& info) {
+std::string caseName(const testing::TestParamInfo<Case>& info) {
+  const char* batch = std::get<2>(info.param) == Kernels::Batch ? "_batch" : "";
   return std::string(std::get<0>(info.param)->name) + "_" +
-         kiv::quantTypeName(std::get<1>(info.param));
+         kiv::quantTypeName(std::get<1>(info.param)) + batch;
 }
 
 INSTANTIATE_TEST_SUITE_P(Tiers, GemvTest,
                          testing::Combine(testing::ValuesIn(qwen35::allKernels()),
-                                          testing::ValuesIn(orbtest::kMatrixTypes)),
-                         gemvName);
+                                          testing::ValuesIn(orbtest::kMatrixTypes),
+                                          testing::Values(Kernels::OneToken)),
+                         caseName);
+
+// Where batches have the bits of single products, tests of those speak for both.
+std::vector<Case> casesOfOwnBatches() {
+  std::vector<Case> cases;
+  for (const KernelTable* tier : qwen35::allKernels()) {
+    for (const QuantType type : orbtest::kMatrixTypes) {
+      if (orbtest::batchReference(*tier, type) == Kernels::Batch) {
+        cases.emplace_back(tier, type, Kernels::Batch);
+      }
+    }
+  }
+  return cases;
+}
+INSTANTIATE_TEST_SUITE_P(Batches, GemvTest, testing::ValuesIn(casesOfOwnBatches()), caseName);
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(GemvTest);
 
 TEST_P(GemvTest, StaysWithinTheBoundForAllPatternsInputsAndLengths) {
   std::mt19937 random(1);
@@ -300,6 +321,7 @@ TEST_P(GemvTest, RowsMayStartAtAnyByteAndHaveAnyDistance) {
 }
 
 TEST_P(GemvTest, TouchesNothingOutsideOfRowsInputAndOutput) {
+  if (which() == Kernels::Batch) return;  // see the guarded batches among the hostile tests
   std::mt19937 random(8);
   for (const size_t cols : rowLengths()) {
     const Matrix m(type(), Pattern::Random, 3, cols, random);
@@ -343,7 +365,8 @@ TEST_P(KQuantTest, ScalesAndMinimumsAreUnpackedInEverySubBlock) {
           std::vector<float> x(256, 0.0f);
           x[i] = 1;
           float y = 0;
-          orbtest::addProduct(kernels(), type, block.data(), block.size(), 1, 256, x.data(), &y);
+          orbtest::addProduct(kernels(), type, block.data(), block.size(), 1, 256, x.data(), &y,
+                              orbtest::batchReference(kernels(), type));
           ASSERT_EQ(y, codes[i] * scales[i / 32] - minimums[i / 32])
               << kiv::quantTypeName(type) << " element " << i;
         }
@@ -436,7 +459,9 @@ TEST(KernelTableTest, TheScalarTierRunsEverywhereAndTheOthersNeedWhatTheyUse) {
   EXPECT_EQ(qwen35::kAvx512Kernels.requiredFeatures,
             uint32_t{compat::kCpuAvx2} | uint32_t{compat::kCpuAvx512});
   for (const KernelTable* tier : qwen35::allKernels()) {
-    EXPECT_EQ(qwen35::canRun(*tier), (tier->requiredFeatures & ~compat::cpuFeatures()) == 0);
+    const bool hasFeatures = (tier->requiredFeatures & ~compat::cpuFeatures()) == 0;
+    const bool needsTiles = (tier->requiredFeatures & compat::kCpuAmx) != 0;
+    EXPECT_EQ(qwen35::canRun(*tier), hasFeatures && (!needsTiles || compat::requestTiles()));
   }
 }
 

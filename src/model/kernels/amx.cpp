@@ -471,86 +471,142 @@ void arrange(const float* x, size_t cols, float* out) {
 }
 
 // Sums that are taken before their scales are applied: they stay in the nearest cache.
-constexpr size_t kSumsAtOnce = 4;
+constexpr size_t kSumsAtOnce = 2;
 
 // What a product of kPanels times sixteen rows works on.
 template <typename Type, size_t kPanels, size_t kTokens>
 struct alignas(64) Work {
+  static constexpr size_t kTileTokens = kTokens < kSide ? kTokens : kSide;
+  using Sums = float[kSumsAtOnce][kPanels][kTileTokens][kSide];
+
   Panel<Type::kTiles> panels[kPanels];
-  float sums[kSumsAtOnce][kPanels][kTokens < kSide ? kTokens : kSide][kSide];  // [..][token][row]
-  float acc[kPanels][kTokens][kSide];                                          // [..][token][row]
+  Sums sums[2];                        // [turn][sum][panel][token][row]
+  float acc[kPanels][kTokens][kSide];  // [panel][token][row]
   uint8_t filled[kSide * kPanel / Type::kElements * Type::kBytes];  // rows made up to sixteen
 };
 
-// Sums `first` to `first` + `count` - 1 of the panels, for one tile of tokens.
-template <typename Type, typename Regs, size_t kPanels, size_t kTokens>
-inline void sumTiles(Work<Type, kPanels, kTokens>& work, const float* x, size_t xStride,
-                     size_t first, size_t count, size_t tilesPerSum) {
-  for (size_t s = 0; s < count; ++s) {
+// A tile of tokens and the sums of a panel that are taken together.
+struct Step {
+  const float* x = nullptr;  // of the first token
+  size_t token = 0;
+  size_t tokens = 0;
+  size_t first = 0;  // sum
+  size_t count = 0;
+};
+
+template <typename Type, size_t kPanels, size_t kTokens>
+class PanelProduct {
+ public:
+  using Space = Work<Type, kPanels, kTokens>;
+
+  PanelProduct(Space& work, size_t xStride, size_t tiles)
+      : work_(work),
+        xStride_(xStride),
+        tilesPerSum_(tiles < Type::kTilesPerSum ? tiles : Type::kTilesPerSum),
+        sums_(tiles / tilesPerSum_) {}
+
+  // Adds the products of all tokens. The tile unit is a step ahead of the scales: what reads its
+  // sums at once would wait for it.
+  void run(const float* x, size_t tokens) {
+    Step last;
+    size_t turn = 0;
+    for (size_t first = 0; first < sums_; first += kSumsAtOnce) {
+      for (size_t t = 0; t < tokens; t += kSide, turn ^= 1) {
+        const Step step = {x + t * xStride_, t, tokens - t < kSide ? tokens - t : kSide, first,
+                           sums_ - first < kSumsAtOnce ? sums_ - first : kSumsAtOnce};
+        if (step.tokens == kSide) {
+          sumTiles<FullTiles>(step, turn, last);
+        } else {
+          sumTiles<RestTiles>(step, turn, last);
+        }
+        last = step;
+      }
+    }
+    applyScales(last, turn ^ 1, 0, last.tokens);
+  }
+
+ private:
+  // The sums of a step, and meanwhile the scales of the one before, some tokens after each sum.
+  template <typename Regs>
+  void sumTiles(const Step& step, size_t turn, const Step& last) {
+    if (step.count == kSumsAtOnce && last.count == kSumsAtOnce && kPanels == 2) {
+      for (size_t s = 0; s < kSumsAtOnce; ++s) {
+        sumTile<Regs>(step, s, work_.sums[turn][s]);
+        if (s % (kSumsAtOnce / 2) == kSumsAtOnce / 2 - 1)
+          applyScales<kSumsAtOnce>(last, last.first, &work_.sums[turn ^ 1][0],
+                                   s / (kSumsAtOnce / 2), 0, last.tokens);
+      }
+      return;
+    }
+    for (size_t s = 0; s < step.count; ++s) sumTile<Regs>(step, s, work_.sums[turn][s]);
+    applyScales(last, turn ^ 1, 0, last.tokens);
+  }
+
+  template <typename Regs>
+  void sumTile(const Step& step, size_t s, float (&out)[kPanels][Space::kTileTokens][kSide]) {
     zeroTile<Regs::kSums>();
     if constexpr (kPanels == 2) zeroTile<Regs::kSums + 1>();
-    for (size_t i = 0; i < tilesPerSum; ++i) {
-      const size_t tile = (first + s) * Type::kTilesPerSum + i;
-      loadTile<kWeights>(work.panels[0].tiles[tile], 64);
-      if constexpr (kPanels == 2) loadTile<kWeights + 1>(work.panels[1].tiles[tile], 64);
+    for (size_t i = 0; i < tilesPerSum_; ++i) {
+      const size_t tile = (step.first + s) * Type::kTilesPerSum + i;
+      loadTile<kWeights>(work_.panels[0].tiles[tile], 64);
+      if constexpr (kPanels == 2) loadTile<kWeights + 1>(work_.panels[1].tiles[tile], 64);
       for (size_t limb = 0; limb < (Type::kJoined ? 1 : 2); ++limb) {
-        const float* line = x + (Type::kJoined ? tile : 2 * tile + limb) * 16;
-        loadTile<Regs::kInputs>(line, xStride * sizeof(float));
+        const float* line = step.x + (Type::kJoined ? tile : 2 * tile + limb) * 16;
+        loadTile<Regs::kInputs>(line, xStride_ * sizeof(float));
         multiplyTiles<Regs::kSums, Regs::kInputs, kWeights>();
         if constexpr (kPanels == 2) {
           multiplyTiles<Regs::kSums + 1, Regs::kInputs, kWeights + 1>();
         }
       }
     }
-    storeTile<Regs::kSums>(work.sums[s][0]);
-    if constexpr (kPanels == 2) storeTile<Regs::kSums + 1>(work.sums[s][1]);
+    storeTile<Regs::kSums>(out[0]);
+    if constexpr (kPanels == 2) storeTile<Regs::kSums + 1>(out[1]);
   }
-}
 
-// acc[token] += those sums of one panel times their scales, less the minimums.
-template <typename Type, size_t kPanels, size_t kTokens>
-inline void applyScales(Work<Type, kPanels, kTokens>& work, size_t panel, size_t first,
-                        size_t count, const float* x, size_t xStride, size_t tokens,
-                        float (*acc)[kSide]) {
-  for (size_t t = 0; t < tokens; ++t) {
-    __m512 total = _mm512_load_ps(acc[t]);
-    for (size_t s = 0; s < count; ++s) {
-      const __m512 sum = _mm512_load_ps(work.sums[s][panel][t]);
-      if constexpr (Type::kScaled) {
-        total = _mm512_fmadd_ps(sum, _mm512_load_ps(work.panels[panel].scales[first + s]), total);
+  void applyScales(const Step& step, size_t turn, size_t begin, size_t end) {
+    for (size_t p = 0; p < kPanels; ++p) {
+      if (step.count == kSumsAtOnce) {
+        applyScales<kSumsAtOnce>(step, step.first, &work_.sums[turn][0], p, begin, end);
       } else {
-        total = _mm512_add_ps(sum, total);
-      }
-      if constexpr (Type::kHasMinimums) {
-        total = _mm512_fmadd_ps(_mm512_load_ps(work.panels[panel].minimums[first + s]),
-                                _mm512_set1_ps(x[t * xStride + kSumsAt + first + s]), total);
-      }
-    }
-    _mm512_store_ps(acc[t], total);
-  }
-}
-
-// One panel of columns for all tokens.
-template <typename Type, size_t kPanels, size_t kTokens>
-void addPanels(Work<Type, kPanels, kTokens>& work, const float* x, size_t xStride,
-               size_t allTokens, size_t tiles) {
-  const size_t tilesPerSum = tiles < Type::kTilesPerSum ? tiles : Type::kTilesPerSum;
-  const size_t sums = tiles / tilesPerSum;
-  for (size_t t = 0; t < allTokens; t += kSide, x += kSide * xStride) {
-    const size_t tokens = allTokens - t < kSide ? allTokens - t : kSide;
-    for (size_t first = 0; first < sums; first += kSumsAtOnce) {
-      const size_t count = sums - first < kSumsAtOnce ? sums - first : kSumsAtOnce;
-      if (tokens == kSide) {
-        sumTiles<Type, FullTiles>(work, x, xStride, first, count, tilesPerSum);
-      } else {
-        sumTiles<Type, RestTiles>(work, x, xStride, first, count, tilesPerSum);
-      }
-      for (size_t p = 0; p < kPanels; ++p) {
-        applyScales(work, p, first, count, x, xStride, tokens, work.acc[p] + t);
+        for (size_t s = 0; s < step.count; ++s) {
+          applyScales<1>(step, step.first + s, &work_.sums[turn][s], p, begin, end);
+        }
       }
     }
   }
-}
+
+  // acc[token] += kCount sums of one panel times their scales, less the minimums.
+  template <size_t kCount>
+  void applyScales(const Step& step, size_t first,
+                   const float (*sums)[kPanels][Space::kTileTokens][kSide], size_t p, size_t begin,
+                   size_t end) {
+    const Panel<Type::kTiles>& panel = work_.panels[p];
+    __m512 scales[kCount];
+    __m512 minimums[kCount];
+    for (size_t s = 0; s < kCount; ++s) {
+      scales[s] = _mm512_load_ps(panel.scales[first + s]);
+      if constexpr (Type::kHasMinimums) minimums[s] = _mm512_load_ps(panel.minimums[first + s]);
+    }
+    float(*acc)[kSide] = work_.acc[p] + step.token;
+    const float* inputSums = step.x + begin * xStride_ + kSumsAt + first;
+    for (size_t t = begin; t < end; ++t, inputSums += xStride_) {
+      __m512 total = _mm512_load_ps(acc[t]);
+      for (size_t s = 0; s < kCount; ++s) {
+        const __m512 sum = _mm512_load_ps(sums[s][p][t]);
+        total = Type::kScaled ? _mm512_fmadd_ps(sum, scales[s], total) : _mm512_add_ps(sum, total);
+        if constexpr (Type::kHasMinimums) {
+          total = _mm512_fmadd_ps(minimums[s], _mm512_set1_ps(inputSums[s]), total);
+        }
+      }
+      _mm512_store_ps(acc[t], total);
+    }
+  }
+
+  Space& work_;
+  size_t xStride_;
+  size_t tilesPerSum_;
+  size_t sums_;
+};
 
 // Up to sixteen rows of a panel, `bytes` of each; what is missing of rows and of their last tile
 // counts as zeros.
@@ -593,7 +649,7 @@ void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t 
                         work.filled, work.panels[p]);
     }
     rows += bytes;
-    addPanels(work, x, batch.xStride, batch.tokens, tiles);
+    PanelProduct(work, batch.xStride, tiles).run(x, batch.tokens);
   }
   for (size_t p = 0; p < kPanels; ++p) {
     const __mmask16 lanes = firstLanes(rowCount - p * kSide);
@@ -625,23 +681,9 @@ void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
 }
 
 template <typename Type>
-void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
-          float* y) {
-  const TileScope tiles(1);
-  const Batch batch = {.x = x, .xStride = 0, .y = y, .yStride = 0, .tokens = 1, .scratch = nullptr};
-  Work<Type, 1, 1> work;
-  for (size_t r = 0; r < rowCount; r += kSide) {
-    const size_t left = rowCount - r;
-    multiplyRows(rows + r * rowBytes, rowBytes, left < kSide ? left : kSide, cols, batch, y + r,
-                 work);
-  }
-}
-
-template <typename Type>
 void use(KernelTable& table, size_t type) {
-  table.gemv[type] = gemv<Type>;
   table.gemm[type] = gemm<Type>;
-  table.arrange[type] = arrange<Type>;
+  table.arrangeBatch[type] = arrange<Type>;
 }
 
 }  // namespace

@@ -619,6 +619,8 @@ const KernelTable kAvx2Kernels = {
              KProducts<Q4k>::gemm, KProducts<Q5k>::gemm, KProducts<Q6k>::gemm, nullptr},
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
+    .arrangeBatch = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
+                KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

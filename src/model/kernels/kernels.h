@@ -38,7 +38,7 @@ struct Batch {
   size_t xStride;
   float* y;  // token t at y + t * yStride, one float a row; added to
   size_t yStride;
-  size_t tokens;   // 1 to kMaxBatch
+  size_t tokens;  // 1 to kMaxBatch
   float* scratch;  // kBatchScratch floats of the calling thread, aligned to 64 bytes
 };
 
@@ -48,7 +48,8 @@ inline constexpr size_t kBatchCols = 512;  // elements of each that stay in the 
 // Decoded weights and accumulators for every token, of whichever tier needs most.
 inline constexpr size_t kBatchScratch = 16 * 1024;
 
-// As GemvKernel for every token of the batch, with the same bits as one token at a time.
+// As GemvKernel for every token of the batch. What comes of a token has the same bits whatever the
+// other tokens and their number; on all tiers but "amx" they are those of GemvKernel.
 using GemmKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                             const Batch& batch);
 
@@ -83,7 +84,10 @@ struct KernelTable {
   // By kiv::QuantType; null for the types that no matrix may have.
   GemvKernel gemv[9];
   GemmKernel gemm[9];
-  ArrangeKernel arrange[9];  // null as well for types whose kernels take inputs as they come
+  // The forms that the inputs of gemv and gemm have; null as well for types whose kernels take inputs
+  // as they come.
+  ArrangeKernel arrange[9];
+  ArrangeKernel arrangeBatch[9];
 
   float (*dot)(const float* a, const float* b, size_t n);
 
