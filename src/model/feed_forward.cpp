@@ -18,7 +18,7 @@ void feedForward(Model& model, Layer& layer, const float* x, float* out, size_t 
   const Product& gate = products[0];
   const Product& up = products[1];
   // A piece computes the same rows of both and their product while they are at hand.
-  const size_t step = rowsPerPiece(gate.rowBytes + up.rowBytes);
+  const size_t step = rowsPerPiece(gate.rowBytes + up.rowBytes, model.work.isBatch);
   model.team.forEach((n + step - 1) / step, [&](size_t piece, size_t thread) {
     const size_t first = piece * step;
     const size_t last = std::min(first + step, n);

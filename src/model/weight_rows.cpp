@@ -15,6 +15,7 @@ using kiv::QuantType;
 namespace {
 
 constexpr size_t kPieceBytes = 32 * 1024;
+constexpr size_t kBatchPieceRows = 128;
 constexpr size_t kLineFloats = 16;
 
 const KernelTable& kernelsOf(const Model& model) {
@@ -106,7 +107,8 @@ void rowToF32(const kiv::TensorView* tensor, size_t row, size_t n, float* out) {
   }
 }
 
-size_t rowsPerPiece(size_t rowBytes) {
+size_t rowsPerPiece(size_t rowBytes, bool isBatch) {
+  if (isBatch) return kBatchPieceRows;
   const size_t rows = kPieceBytes / std::max<size_t>(rowBytes, 1);
   return std::max(kLineFloats, rows / kLineFloats * kLineFloats);
 }
@@ -141,7 +143,7 @@ void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y) {
 void addProduct(const KernelTable& kernels, QuantType type, const void* rows, size_t count,
                 size_t cols, const float* x, float* y) {
   const size_t rowBytes = rowStride(type, cols);
-  const size_t step = rowsPerPiece(rowBytes);
+  const size_t step = rowsPerPiece(rowBytes, false);
   const GemvKernel kernel = kernels.gemv[static_cast<size_t>(type)];
   ZeroedArray arranged;
   if (const ArrangeKernel arrange = kernels.arrange[static_cast<size_t>(type)]) {

@@ -70,8 +70,9 @@ size_t arrangedWidth(uint64_t cols);
 // Whether an accelerated product is installed; it takes one token at a time.
 bool hasHook(const Model& model);
 
-// Rows of one piece: about 32 KiB of weights, in whole cache lines of y.
-size_t rowsPerPiece(size_t rowBytes);
+// Rows of one piece: about 32 KiB of weights for one token, more for a batch, in whole cache lines
+// of y.
+size_t rowsPerPiece(size_t rowBytes, bool isBatch);
 
 // Looks up kernels and sizes of a group of products, offers each to the model's hook, and brings
 // the input into the forms that the kernels take.
@@ -88,14 +89,14 @@ void runProducts(Model& model, Product (&products)[kCount], const Finish& finish
   prepare(model, products);
   size_t firstPiece[kCount + 1] = {};
   for (size_t p = 0; p < kCount; ++p) {
-    const size_t step = rowsPerPiece(products[p].rowBytes);
+    const size_t step = rowsPerPiece(products[p].rowBytes, model.work.isBatch);
     firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
   }
   model.team.forEach(firstPiece[kCount], [&](size_t piece, size_t thread) {
     size_t p = 0;
     while (piece >= firstPiece[p + 1]) ++p;
     const Product& product = products[p];
-    const size_t step = rowsPerPiece(product.rowBytes);
+    const size_t step = rowsPerPiece(product.rowBytes, model.work.isBatch);
     const size_t first = (piece - firstPiece[p]) * step;
     const size_t last = std::min(first + step, product.rows);
     addRows(model, product, first, last, thread);

@@ -3,8 +3,8 @@
 //
 // A tile instruction adds the products of 16 tokens x 32 inputs and 32 inputs x 16 rows to 16 x 16
 // sums. It takes bf16, eight significant bits. The codes of a block are small integers, which bf16
-// holds exactly; an input is the sum of two bf16 limbs, sixteen bits and more. So each tile of codes
-// is multiplied with two tiles of limbs into the same sums, whose scales are applied outside:
+// holds exactly; an input is the sum of two bf16 limbs, sixteen bits and more. So each tile of
+// codes is multiplied with two tiles of limbs into the same sums, whose scales are applied outside:
 //
 //   row . x = sum over sub-blocks of  scale * (codes . high + codes . low)  -  minimum * sum of x
 //
@@ -24,8 +24,8 @@
 namespace qwen35 {
 namespace {
 
-constexpr size_t kSide = 16;       // tokens, rows and lines of a tile
-constexpr size_t kPanel = 256;     // elements of a row that are decoded at a time
+constexpr size_t kSide = 16;         // tokens, rows and lines of a tile
+constexpr size_t kPanel = 256;       // elements of a row that are decoded at a time
 constexpr size_t kPanelsAtOnce = 2;  // of sixteen rows: they share every tile of inputs
 
 // Tile registers. GCC's intrinsics take literals only, and do not say what they read.
@@ -256,7 +256,7 @@ struct Q5k : SubBlocks {
       __m512i fifths[4];
       rows.columns(16 + 16 * v, fifths);
       for (size_t c = 0; c < 4; ++c) decodeChunk(rows, c, v, fifths, out);
-      }
+    }
   }
 
  private:
@@ -332,8 +332,7 @@ struct Q6k {
     }
   }
 
-  static void decodeQuarter(__m512i nibbles, __m512i high, size_t quarter, size_t q,
-                            Tile& tile) {
+  static void decodeQuarter(__m512i nibbles, __m512i high, size_t quarter, size_t q, Tile& tile) {
     for (size_t half = 0; half < 2; ++half) {  // byte of a 16-bit lane
       const auto down = static_cast<unsigned>(8 * half + quarter / 2 * 4);
       const auto bit = static_cast<unsigned>(8 * half + 2 * quarter);
@@ -366,9 +365,8 @@ struct Q80 {
         __m512i bytes[4];
         rows.columns(2 + 16 * v, bytes);
         for (size_t q = 0; q < 4; ++q) {
-          store(out.tiles[i][8 * v + 2 * q],
-                pair(topByte(_mm512_slli_epi32(bytes[q], 24)),
-                     topByte(_mm512_slli_epi32(bytes[q], 8))));
+          store(out.tiles[i][8 * v + 2 * q], pair(topByte(_mm512_slli_epi32(bytes[q], 24)),
+                                                  topByte(_mm512_slli_epi32(bytes[q], 8))));
           store(out.tiles[i][8 * v + 2 * q + 1],
                 pair(topByte(_mm512_slli_epi32(bytes[q], 16)), topByte(bytes[q])));
         }
@@ -437,9 +435,8 @@ inline __m512i placeOrder() {
 template <typename Type>
 inline void splitLimbs(__m512 first, __m512 second, float* out) {
   const __m512i high = roundToBf16(first, second);
-  const __m512i low =
-      roundToBf16(_mm512_sub_ps(first, widen(_mm512_castsi512_si256(high))),
-                  _mm512_sub_ps(second, widen(_mm512_extracti64x4_epi64(high, 1))));
+  const __m512i low = roundToBf16(_mm512_sub_ps(first, widen(_mm512_castsi512_si256(high))),
+                                  _mm512_sub_ps(second, widen(_mm512_extracti64x4_epi64(high, 1))));
   const __m512i order = placeOrder<Type>();
   __m512i lines[2] = {high, low};
   if constexpr (Type::kJoined) {
@@ -473,15 +470,20 @@ void arrange(const float* x, size_t cols, float* out) {
 // Sums that are taken before their scales are applied: they stay in the nearest cache.
 constexpr size_t kSumsAtOnce = 2;
 
-// What a product of kPanels times sixteen rows works on.
-template <typename Type, size_t kPanels, size_t kTokens>
-struct alignas(64) Work {
-  static constexpr size_t kTileTokens = kTokens < kSide ? kTokens : kSide;
-  using Sums = float[kSumsAtOnce][kPanels][kTileTokens][kSide];
+// Rows that go through the columns together, a chunk of columns at a time: the inputs of a chunk
+// stay in the core's cache while every group of rows reads them.
+constexpr size_t kGroupRows = kPanelsAtOnce * kSide;
+constexpr size_t kRowsAtOnce = 4 * kGroupRows;
+constexpr size_t kChunk = 8 * kPanel;
 
-  Panel<Type::kTiles> panels[kPanels];
-  Sums sums[2];                        // [turn][sum][panel][token][row]
-  float acc[kPanels][kTokens][kSide];  // [panel][token][row]
+// What a product works on.
+template <typename Type>
+struct alignas(64) Work {
+  using Sum = float[kPanelsAtOnce][kSide][kSide];  // [panel][token][row]
+
+  Panel<Type::kTiles> panels[kPanelsAtOnce];
+  Sum sums[2][kSumsAtOnce];                                         // [turn]
+  float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];                 // [sixteen rows][token][row]
   uint8_t filled[kSide * kPanel / Type::kElements * Type::kBytes];  // rows made up to sixteen
 };
 
@@ -494,18 +496,20 @@ struct Step {
   size_t count = 0;
 };
 
-template <typename Type, size_t kPanels, size_t kTokens>
+// One panel of columns of kPanels times sixteen rows for all tokens, into acc[panel][token][row].
+template <typename Type, size_t kPanels>
 class PanelProduct {
  public:
-  using Space = Work<Type, kPanels, kTokens>;
+  using Sum = typename Work<Type>::Sum;
 
-  PanelProduct(Space& work, size_t xStride, size_t tiles)
+  PanelProduct(Work<Type>& work, size_t xStride, size_t tiles, float (*acc)[kMaxBatch][kSide])
       : work_(work),
+        acc_(acc),
         xStride_(xStride),
         tilesPerSum_(tiles < Type::kTilesPerSum ? tiles : Type::kTilesPerSum),
         sums_(tiles / tilesPerSum_) {}
 
-  // Adds the products of all tokens. The tile unit is a step ahead of the scales: what reads its
+  // The tile unit is a step ahead of the scales: what reads its
   // sums at once would wait for it.
   void run(const float* x, size_t tokens) {
     Step last;
@@ -522,28 +526,22 @@ class PanelProduct {
         last = step;
       }
     }
-    applyScales(last, turn ^ 1, 0, last.tokens);
+    for (size_t p = 0; p < kPanels; ++p) applyScales(last, turn ^ 1, p);
   }
 
  private:
   // The sums of a step, and meanwhile the scales of the one before, some tokens after each sum.
   template <typename Regs>
   void sumTiles(const Step& step, size_t turn, const Step& last) {
-    if (step.count == kSumsAtOnce && last.count == kSumsAtOnce && kPanels == 2) {
-      for (size_t s = 0; s < kSumsAtOnce; ++s) {
-        sumTile<Regs>(step, s, work_.sums[turn][s]);
-        if (s % (kSumsAtOnce / 2) == kSumsAtOnce / 2 - 1)
-          applyScales<kSumsAtOnce>(last, last.first, &work_.sums[turn ^ 1][0],
-                                   s / (kSumsAtOnce / 2), 0, last.tokens);
-      }
-      return;
+    for (size_t s = 0; s < step.count; ++s) {
+      sumTile<Regs>(step, s, work_.sums[turn][s]);
+      if (s < kPanels) applyScales(last, turn ^ 1, s);
     }
-    for (size_t s = 0; s < step.count; ++s) sumTile<Regs>(step, s, work_.sums[turn][s]);
-    applyScales(last, turn ^ 1, 0, last.tokens);
+    for (size_t p = step.count; p < kPanels; ++p) applyScales(last, turn ^ 1, p);
   }
 
   template <typename Regs>
-  void sumTile(const Step& step, size_t s, float (&out)[kPanels][Space::kTileTokens][kSide]) {
+  void sumTile(const Step& step, size_t s, Sum& out) {
     zeroTile<Regs::kSums>();
     if constexpr (kPanels == 2) zeroTile<Regs::kSums + 1>();
     for (size_t i = 0; i < tilesPerSum_; ++i) {
@@ -563,23 +561,18 @@ class PanelProduct {
     if constexpr (kPanels == 2) storeTile<Regs::kSums + 1>(out[1]);
   }
 
-  void applyScales(const Step& step, size_t turn, size_t begin, size_t end) {
-    for (size_t p = 0; p < kPanels; ++p) {
-      if (step.count == kSumsAtOnce) {
-        applyScales<kSumsAtOnce>(step, step.first, &work_.sums[turn][0], p, begin, end);
-      } else {
-        for (size_t s = 0; s < step.count; ++s) {
-          applyScales<1>(step, step.first + s, &work_.sums[turn][s], p, begin, end);
-        }
-      }
+  void applyScales(const Step& step, size_t turn, size_t p) {
+    const Sum* sums = work_.sums[turn];
+    if (step.count == kSumsAtOnce) {
+      applySums<kSumsAtOnce>(step, step.first, sums, p);
+    } else {
+      for (size_t s = 0; s < step.count; ++s) applySums<1>(step, step.first + s, sums + s, p);
     }
   }
 
   // acc[token] += kCount sums of one panel times their scales, less the minimums.
   template <size_t kCount>
-  void applyScales(const Step& step, size_t first,
-                   const float (*sums)[kPanels][Space::kTileTokens][kSide], size_t p, size_t begin,
-                   size_t end) {
+  void applySums(const Step& step, size_t first, const Sum* sums, size_t p) {
     const Panel<Type::kTiles>& panel = work_.panels[p];
     __m512 scales[kCount];
     __m512 minimums[kCount];
@@ -587,9 +580,9 @@ class PanelProduct {
       scales[s] = _mm512_load_ps(panel.scales[first + s]);
       if constexpr (Type::kHasMinimums) minimums[s] = _mm512_load_ps(panel.minimums[first + s]);
     }
-    float(*acc)[kSide] = work_.acc[p] + step.token;
-    const float* inputSums = step.x + begin * xStride_ + kSumsAt + first;
-    for (size_t t = begin; t < end; ++t, inputSums += xStride_) {
+    float(*acc)[kSide] = acc_[p] + step.token;
+    const float* inputSums = step.x + kSumsAt + first;
+    for (size_t t = 0; t < step.tokens; ++t, inputSums += xStride_) {
       __m512 total = _mm512_load_ps(acc[t]);
       for (size_t s = 0; s < kCount; ++s) {
         const __m512 sum = _mm512_load_ps(sums[s][p][t]);
@@ -602,7 +595,8 @@ class PanelProduct {
     }
   }
 
-  Space& work_;
+  Work<Type>& work_;
+  float (*acc_)[kMaxBatch][kSide];
   size_t xStride_;
   size_t tilesPerSum_;
   size_t sums_;
@@ -624,58 +618,71 @@ inline void decodePanel(const uint8_t* at, size_t rowBytes, size_t rowCount, siz
   Type::decode(Rows(filled, kBytes), tiles, out);
 }
 
-inline void prefetch(const uint8_t* at, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, 2);
+// One panel of a group of up to kPanels times sixteen rows, `count` columns of them.
+template <typename Type, size_t kPanels>
+void addPanel(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t count, const float* x,
+              const Batch& batch, float (*acc)[kMaxBatch][kSide], Work<Type>& work) {
+  const size_t tiles = (count + 31) / 32 * (Type::kTiles / 8);
+  const size_t bytes = count * Type::kBytes / Type::kElements;
+  for (size_t p = 0; p < kPanels; ++p) {
+    decodePanel<Type>(rows + p * kSide * rowBytes, rowBytes, rowCount - p * kSide, bytes, tiles,
+                      work.filled, work.panels[p]);
+  }
+  PanelProduct<Type, kPanels>(work, batch.xStride, tiles, acc).run(x, batch.tokens);
 }
 
-// y[t][r] += row r . x[t] for up to kPanels times sixteen rows. The bytes of the next rows are asked
-// for in address order meanwhile, a stream that the hardware's own prefetcher follows.
-template <typename Type, size_t kPanels, size_t kTokens>
+inline void prefetchRows(const uint8_t* at, size_t rowBytes, size_t bytes) {
+  for (size_t r = 0; r < kGroupRows; ++r, at += rowBytes) {
+    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, 2);
+  }
+}
+
+// acc += rows . x for up to kRowsAtOnce rows.
+template <typename Type>
 void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
-                  const Batch& batch, float* y, Work<Type, kPanels, kTokens>& work) {
-  for (size_t p = 0; p < kPanels; ++p) {
-    __builtin_memset(work.acc[p], 0, batch.tokens * sizeof work.acc[p][0]);
-  }
-  const uint8_t* next = rows + kPanels * kSide * rowBytes;
-  const float* x = batch.x;
-  for (size_t first = 0; first < cols; first += kPanel, x += kArrangedBlock) {
-    const size_t count = cols - first < kPanel ? cols - first : kPanel;
-    const size_t tiles = (count + 31) / 32 * (Type::kTiles / 8);
-    const size_t bytes = count * Type::kBytes / Type::kElements;
-    prefetch(next, kPanels * kSide * bytes);
-    next += kPanels * kSide * bytes;
-    for (size_t p = 0; p < kPanels; ++p) {
-      decodePanel<Type>(rows + p * kSide * rowBytes, rowBytes, rowCount - p * kSide, bytes, tiles,
-                        work.filled, work.panels[p]);
-    }
-    rows += bytes;
-    PanelProduct(work, batch.xStride, tiles).run(x, batch.tokens);
-  }
-  for (size_t p = 0; p < kPanels; ++p) {
-    const __mmask16 lanes = firstLanes(rowCount - p * kSide);
-    for (size_t t = 0; t < batch.tokens; ++t) {
-      float* out = y + t * batch.yStride + p * kSide;
-      const __m512 sum = _mm512_load_ps(work.acc[p][t]);
-      _mm512_mask_storeu_ps(out, lanes, _mm512_add_ps(_mm512_maskz_loadu_ps(lanes, out), sum));
+                  const Batch& batch, Work<Type>& work) {
+  constexpr size_t kPanelBytes = kPanel / Type::kElements * Type::kBytes;
+  for (size_t chunk = 0; chunk < cols; chunk += kChunk) {
+    const size_t end = cols - chunk < kChunk ? cols : chunk + kChunk;
+    for (size_t r = 0; r < rowCount; r += kGroupRows) {
+      const bool isLast = r + kGroupRows >= rowCount;
+      const uint8_t* group = rows + r * rowBytes + chunk / kPanel * kPanelBytes;
+      const uint8_t* next =
+          isLast ? rows + end / kPanel * kPanelBytes : group + kGroupRows * rowBytes;
+      for (size_t first = chunk; first < end; first += kPanel) {
+        const size_t count = cols - first < kPanel ? cols - first : kPanel;
+        const float* x = batch.x + first / kPanel * kArrangedBlock;
+        prefetchRows(next, rowBytes, kPanelBytes);
+        if (rowCount - r > kSide) {
+          addPanel<Type, 2>(group, rowBytes, rowCount - r, count, x, batch, work.acc + r / kSide,
+                            work);
+        } else {
+          addPanel<Type, 1>(group, rowBytes, rowCount - r, count, x, batch, work.acc + r / kSide,
+                            work);
+        }
+        group += kPanelBytes;
+        next += kPanelBytes;
+      }
     }
   }
 }
 
 template <typename Type>
 void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
+  static_assert(sizeof(Work<Type>) <= kBatchScratch * sizeof(float));
   const TileScope tiles(batch.tokens);
-  using One = Work<Type, 1, kMaxBatch>;
-  using Two = Work<Type, 2, kMaxBatch>;
-  static_assert(sizeof(Two) <= kBatchScratch * sizeof(float));
-  for (size_t r = 0; r < rowCount; r += 2 * kSide) {
-    const size_t left = rowCount - r;
-    const uint8_t* at = rows + r * rowBytes;
-    if (left > kSide) {
-      multiplyRows(at, rowBytes, left < 2 * kSide ? left : 2 * kSide, cols, batch, batch.y + r,
-                   *reinterpret_cast<Two*>(batch.scratch));
-    } else {
-      multiplyRows(at, rowBytes, left, cols, batch, batch.y + r,
-                   *reinterpret_cast<One*>(batch.scratch));
+  auto& work = *reinterpret_cast<Work<Type>*>(batch.scratch);
+  for (size_t first = 0; first < rowCount; first += kRowsAtOnce) {
+    const size_t count = rowCount - first < kRowsAtOnce ? rowCount - first : kRowsAtOnce;
+    __builtin_memset(work.acc, 0, sizeof work.acc);
+    multiplyRows(rows + first * rowBytes, rowBytes, count, cols, batch, work);
+    for (size_t r = 0; r < count; r += kSide) {
+      const __mmask16 lanes = firstLanes(count - r);
+      for (size_t t = 0; t < batch.tokens; ++t) {
+        float* y = batch.y + t * batch.yStride + first + r;
+        const __m512 sum = _mm512_load_ps(work.acc[r / kSide][t]);
+        _mm512_mask_storeu_ps(y, lanes, _mm512_add_ps(_mm512_maskz_loadu_ps(lanes, y), sum));
+      }
     }
   }
 }
