@@ -10,8 +10,8 @@
 // part by part: where it cancels, the bound holds for the magnitudes of the parts.
 //
 // Tier files are built with -m flags and include nothing but <cstddef>, <cstdint>, the intrinsics
-// header, this one and k_products.h, so that no inline function compiled with wide instructions can
-// replace the baseline copy of the program.
+// header, this one, k_products.h and tile_panels.h, so that no inline function compiled with wide
+// instructions can replace the baseline copy of the program.
 #pragma once
 
 #include <cstddef>
@@ -20,8 +20,8 @@
 namespace qwen35 {
 
 // Puts the inputs of one token into the form that a type's product kernels read: kArrangedBlock
-// floats for every 256 inputs or the rest of them. What comes of the first n inputs, n a multiple of
-// the type's block, does not depend on those after them.
+// floats for every 256 inputs or the rest of them. What comes of the first n inputs, n a multiple
+// of the type's block, does not depend on those after them.
 using ArrangeKernel = void (*)(const float* x, size_t cols, float* out);
 
 inline constexpr size_t kArrangedBlock = 256 + 16;
@@ -38,7 +38,7 @@ struct Batch {
   size_t xStride;
   float* y;  // token t at y + t * yStride, one float a row; added to
   size_t yStride;
-  size_t tokens;  // 1 to kMaxBatch
+  size_t tokens;   // 1 to kMaxBatch
   float* scratch;  // kBatchScratch floats of the calling thread, aligned to 64 bytes
 };
 
@@ -84,8 +84,8 @@ struct KernelTable {
   // By kiv::QuantType; null for the types that no matrix may have.
   GemvKernel gemv[9];
   GemmKernel gemm[9];
-  // The forms that the inputs of gemv and gemm have; null as well for types whose kernels take inputs
-  // as they come.
+  // The forms that the inputs of gemv and gemm have; null as well for types whose kernels take
+  // inputs as they come.
   ArrangeKernel arrange[9];
   ArrangeKernel arrangeBatch[9];
 
