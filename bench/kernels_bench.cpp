@@ -126,7 +126,7 @@ struct BatchInputs {
   qwen35::ZeroedArray x = inputs(qwen35::kMaxBatch);
 
   BatchInputs(const KernelTable& tier, QuantType type) {
-    const auto arrange = tier.arrange[static_cast<size_t>(type)];
+    const auto arrange = tier.arrangeBatch[static_cast<size_t>(type)];
     if (arrange == nullptr) return;
     width = qwen35::arrangedWidth(kCols);
     qwen35::ZeroedArray arranged;

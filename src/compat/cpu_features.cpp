@@ -32,9 +32,9 @@ uint32_t detect() {
   constexpr uint32_t kFma = 1u << 12, kOsxsave = 1u << 27, kF16c = 1u << 29;       // leaf 1, ecx
   constexpr uint32_t kAvx2 = 1u << 5;                                              // leaf 7, ebx
   constexpr uint32_t kAvx512 = (1u << 16) | (1u << 17) | (1u << 30) | (1u << 31);  // F DQ BW VL
-  constexpr uint32_t kAmx = (1u << 22) | (1u << 24);                // leaf 7, edx: BF16, TILE
-  constexpr uint32_t kBf16 = 1u << 5;                               // leaf 7.1, eax
-  constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6, kTileState = 0x60000;      // XCR0
+  constexpr uint32_t kAmx = (1u << 22) | (1u << 24);  // leaf 7, edx: BF16, TILE
+  constexpr uint32_t kBf16 = 1u << 5;                 // leaf 7.1, eax
+  constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6, kTileState = 0x60000;  // XCR0
 
   const Registers one = cpuid(1, 0);
   if (!hasAll(one.ecx, kOsxsave)) return 0;
@@ -46,8 +46,7 @@ uint32_t detect() {
     features |= kCpuAvx2;
     if (hasAll(seven.ebx, kAvx512) && hasAll(states, kZmmState)) {
       features |= kCpuAvx512;
-      if (hasAll(seven.edx, kAmx) && hasAll(cpuid(7, 1).eax, kBf16) &&
-          hasAll(states, kTileState)) {
+      if (hasAll(seven.edx, kAmx) && hasAll(cpuid(7, 1).eax, kBf16) && hasAll(states, kTileState)) {
         features |= kCpuAmx;
       }
     }

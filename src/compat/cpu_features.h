@@ -16,9 +16,9 @@ enum CpuFeature : uint32_t {
 // Looked up once; safe from any thread.
 uint32_t cpuFeatures();
 
-// Asks the system, once, to let this process use the tile registers of a CPU that has kCpuAmx; false
-// when it refuses, and on systems that have no such request. From then on the system wants larger
-// alternate signal stacks of this process. Safe from any thread.
+// Asks the system, once, to let this process use the tile registers of a CPU that has kCpuAmx;
+// false when it refuses, and on systems that have no such request. From then on the system wants
+// larger alternate signal stacks of this process. Safe from any thread.
 bool requestTiles();
 
 }  // namespace compat

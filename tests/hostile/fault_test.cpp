@@ -257,7 +257,7 @@ TEST_F(FaultTest, AStackOf64KibibytesIsEnough) {
     options.overwrite = true;
     const TempFile model({});
     ASSERT_TRUE(orb::writeSynthModel(model.path(), options).ok());
-    for (const char* tier : {"scalar", "avx2", "avx512"}) {
+    for (const char* tier : {"scalar", "avx2", "avx512", "amx"}) {
       setenv("QWEN35_ISA", tier, 1);
       runOnStack(64 << 10, [&] {
         ORBRuntimeProbe verdict{};

@@ -42,8 +42,8 @@ std::vector<uint8_t> makeBytes(Filling filling, size_t count, std::mt19937& rand
 class KernelBytesTest : public TierTest {
  protected:
   // What one row gives with everything between forbidden pages: alone, and in a batch of two.
-  std::vector<float> guarded(QuantType type, const std::vector<uint8_t>& row, const std::vector<float>& x,
-                Side side) {
+  std::vector<float> guarded(QuantType type, const std::vector<uint8_t>& row,
+                             const std::vector<float>& x, Side side) {
     const auto index = static_cast<size_t>(type);
     const size_t cols = x.size();
     std::vector<float> arranged(arrangedWidth(kernels(), type, cols));

@@ -37,8 +37,8 @@ inline qwen35::ArrangeKernel arrangeKernel(const qwen35::KernelTable& tier, kiv:
 
 // The kernels that products of a batch must have the bits of.
 inline Kernels batchReference(const qwen35::KernelTable& tier, kiv::QuantType type) {
-  const bool same = arrangeKernel(tier, type, Kernels::Batch) ==
-                    arrangeKernel(tier, type, Kernels::OneToken);
+  const bool same =
+      arrangeKernel(tier, type, Kernels::Batch) == arrangeKernel(tier, type, Kernels::OneToken);
   return same ? Kernels::OneToken : Kernels::Batch;
 }
 

@@ -620,7 +620,7 @@ const KernelTable kAvx2Kernels = {
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .arrangeBatch = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
-                KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
+                     KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

@@ -10,8 +10,8 @@ namespace qwen35 {
 // All tiers of this build, best last. A tier may need more than the machine has.
 std::span<const KernelTable* const> allKernels();
 
-// Whether the CPU and the operating system provide what the tier needs. Asking for the AMX tier asks
-// the system for its registers.
+// Whether the CPU and the operating system provide what the tier needs. Asking for the AMX tier
+// asks the system for its registers.
 bool canRun(const KernelTable& kernels);
 
 // The tier called `name` when there is one and this machine can run it, else (also for null) the
