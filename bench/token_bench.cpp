@@ -59,9 +59,9 @@ void wrap(Result (*&function)(Arguments...)) {
   function = Timed<kSlot, Result, Arguments...>::call;
 }
 
-template <typename Function, size_t... kSlot>
-void wrapAll(Function (&functions)[sizeof...(kSlot)], std::index_sequence<kSlot...>) {
-  (wrap<kSlot>(functions[kSlot]), ...);
+template <size_t kFirstSlot = 0, typename Function, size_t... kIndex>
+void wrapAll(Function (&functions)[sizeof...(kIndex)], std::index_sequence<kIndex...>) {
+  (wrap<kFirstSlot + kIndex>(functions[kIndex]), ...);
 }
 
 KernelTable timedKernels() {
@@ -70,6 +70,7 @@ KernelTable timedKernels() {
   wrapAll(table.gemv, kEachType);
   wrapAll(table.gemm, kEachType);
   wrapAll(table.arrange, kEachType);
+  wrapAll<kEachType.size()>(table.arrangeBatch, kEachType);
   wrap<0>(table.dot);
   wrap<0>(table.silu);
   wrap<1>(table.sigmoid);

@@ -4,7 +4,7 @@
 #    could replace the baseline copy of the whole program at link time and crash an older CPU;
 #  - a tier's source and the headers of its own include nothing but what is listed below.
 #
-# Run as: cmake -DNM=nm -DSOURCES=directory -DOBJECTS=file,file,... [-DWITHOUT=source]
+# Run as: cmake -DNM=nm -DSOURCES=directory -DOBJECTS=file,file,... -DWITHOUT=source
 #   -P check_tier_objects.cmake
 # A tier is a source of the kernel directory other than the baseline ones; every tier but WITHOUT
 # must have been given an object.
