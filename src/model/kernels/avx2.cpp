@@ -6,6 +6,7 @@
 
 #include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
+#include "model/kernels/plain_products.h"
 
 namespace qwen35 {
 namespace {
@@ -38,63 +39,10 @@ inline float total(__m256 v) {
   return _mm_cvtss_f32(s);
 }
 
-// Decoders. Each turns one block of kElements weights, kBytes bytes, into registers of 8 weights,
-// handed to use(register number, weights) chunk by chunk in element order. The weights are those of
-// the block's formula, exactly. Decoders of kElementBytes also take the `count` elements of a tail.
-
-struct F32Decoder {
-  static constexpr size_t kElements = 8;
-  static constexpr size_t kBytes = 32;
-  static constexpr size_t kElementBytes = 4;
-  static constexpr size_t kChunks = 1;
-
-  const uint8_t* block;
-
-  template <typename Use>
-  void chunk(size_t, const Use& use) const {
-    use(0, _mm256_loadu_ps(reinterpret_cast<const float*>(block)));
-  }
-};
-
-struct Bf16Decoder {
-  static constexpr size_t kElements = 8;
-  static constexpr size_t kBytes = 16;
-  static constexpr size_t kElementBytes = 2;
-  static constexpr size_t kChunks = 1;
-
-  const uint8_t* block;
-
-  template <typename Use>
-  void chunk(size_t, const Use& use) const {
-    const __m256i lanes = _mm256_cvtepu16_epi32(load16(block));
-    use(0, _mm256_castsi256_ps(_mm256_slli_epi32(lanes, 16)));
-  }
-};
-
-inline __m256 signedCodes(const uint8_t* at) {
-  return _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(load8(at)));
-}
-
-struct Q80Decoder {
-  static constexpr size_t kElements = 32;
-  static constexpr size_t kBytes = 34;
-  static constexpr size_t kChunks = 1;
-
-  const uint8_t* block;
-
-  template <typename Use>
-  void chunk(size_t, const Use& use) const {
-    const __m256 d = _mm256_set1_ps(halfAt(block));
-    for (size_t i = 0; i < 4; ++i) use(i, _mm256_mul_ps(signedCodes(block + 2 + 8 * i), d));
-  }
-};
-
-// K-quants (model/kernels/k_products.h).
-
 struct Vector {
   using Float = __m256;
   static constexpr size_t kWidth = 8;
-  static constexpr size_t kTileTokens = 3;
+  static constexpr size_t kTileRows = 4;
 
   static Float zero() { return _mm256_setzero_ps(); }
   static Float load(const float* at) { return _mm256_loadu_ps(at); }
@@ -105,7 +53,79 @@ struct Vector {
   // Keeps a value that several products use in its register: GCC would load it again for each.
   static void keep(Float& v) { __asm__("" : "+x"(v)); }
   static float total(Float v) { return qwen35::total(v); }
+  static void addTotals(const float* acc, float* y) {
+    const Float first = addQuarters(addHalves(acc), addHalves(acc + 2 * kWidth));
+    const Float last = addQuarters(addHalves(acc + 4 * kWidth), addHalves(acc + 6 * kWidth));
+    const Float sums =
+        _mm256_add_ps(_mm256_shuffle_ps(first, last, 0x44), _mm256_shuffle_ps(first, last, 0xee));
+    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const Float totals = _mm256_permutevar8x32_ps(sums, order);
+    _mm256_storeu_ps(y, _mm256_add_ps(_mm256_loadu_ps(y), totals));
+  }
+
+ private:
+  // Of two registers in memory: four lanes each.
+  static Float addHalves(const float* at) {
+    const Float a = loadAligned(at);
+    const Float b = loadAligned(at + kWidth);
+    return _mm256_add_ps(_mm256_permute2f128_ps(a, b, 0x20), _mm256_permute2f128_ps(a, b, 0x31));
+  }
+  // Of two such pairs: two lanes each.
+  static Float addQuarters(Float a, Float b) {
+    return _mm256_add_ps(_mm256_unpacklo_ps(a, b), _mm256_unpackhi_ps(a, b));
+  }
 };
+
+// Decoders (model/kernels/plain_products.h). The weights are those of the block's formula, exactly.
+
+struct F32Decoder {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kElements = 8;
+  static constexpr size_t kBytes = 32;
+  static constexpr size_t kElementBytes = 4;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void decode(const Use& use) const {
+    use(0, _mm256_loadu_ps(reinterpret_cast<const float*>(block)));
+  }
+};
+
+struct Bf16Decoder {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kElements = 8;
+  static constexpr size_t kBytes = 16;
+  static constexpr size_t kElementBytes = 2;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void decode(const Use& use) const {
+    const __m256i lanes = _mm256_cvtepu16_epi32(load16(block));
+    use(0, _mm256_castsi256_ps(_mm256_slli_epi32(lanes, 16)));
+  }
+};
+
+inline __m256 signedCodes(const uint8_t* at) {
+  return _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(load8(at)));
+}
+
+struct Q80Decoder {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kElements = 32;
+  static constexpr size_t kBytes = 34;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void decode(const Use& use) const {
+    const __m256 d = _mm256_set1_ps(halfAt(block));
+    for (size_t i = 0; i < 4; ++i) use(i, _mm256_mul_ps(signedCodes(block + 2 + 8 * i), d));
+  }
+};
+
+// K-quants (model/kernels/k_products.h).
 
 // Byte b of every lane, less kCentre, as a float that is too large by 2^(8b), the highest one as it
 // is.
@@ -271,187 +291,9 @@ struct Q6k {
   }
 };
 
-// Products. Every (row, token) pair has one accumulator that takes the row's registers in order, so
-// its bits depend on nothing but the row and the input.
-
-// A decoder without an element size takes whole blocks only.
-template <typename Decoder>
-concept HasTail = requires {
-  Decoder::kElementBytes;
-};
-
-// acc[r] += one block of each row times x. The rows take turns chunk by chunk, so that the chains
-// of their accumulators overlap.
-template <typename Decoder, size_t kRows>
-inline void addBlocks(const Decoder (&blocks)[kRows], const float* x, __m256 (&acc)[kRows]) {
-#pragma GCC unroll 8
-  for (size_t c = 0; c < Decoder::kChunks; ++c) {
-#pragma GCC unroll 4
-    for (size_t r = 0; r < kRows; ++r) {
-      blocks[r].chunk(c, [&](size_t i, __m256 weights) {
-        acc[r] = _mm256_fmadd_ps(weights, _mm256_loadu_ps(x + kWidth * i), acc[r]);
-      });
-    }
-  }
-}
-
-// The last elements of a row of F32 or BF16, filled up with zeros to a whole block.
-template <typename Decoder>
-struct Tail {
-  alignas(32) uint8_t block[Decoder::kBytes] = {};
-  alignas(32) float x[kWidth] = {};
-
-  Tail(const uint8_t* row, const float* input, size_t from, size_t count) {
-    __builtin_memcpy(block, row + from * Decoder::kElementBytes, count * Decoder::kElementBytes);
-    __builtin_memcpy(x, input, count * sizeof(float));
-  }
-};
-
-// y[r] += row r . x for kRows rows at once, one or four.
-template <typename Decoder, size_t kRows>
-void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
-  __m256 acc[kRows] = {};
-  const size_t blocks = cols / Decoder::kElements;
-  for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
-    const uint8_t* at = rows + b * Decoder::kBytes;
-    prefetch<2>(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
-    if constexpr (kRows == 1) {
-      addBlocks<Decoder, 1>({Decoder{at}}, x, acc);
-    } else {
-      addBlocks<Decoder, 4>({Decoder{at}, Decoder{at + rowBytes}, Decoder{at + 2 * rowBytes},
-                             Decoder{at + 3 * rowBytes}},
-                            x, acc);
-    }
-  }
-  if constexpr (HasTail<Decoder>) {
-    const size_t done = blocks * Decoder::kElements;
-    for (size_t r = 0; r < kRows && done < cols; ++r) {
-      const Tail<Decoder> tail(rows + r * rowBytes, x, done, cols - done);
-      Decoder{tail.block}.chunk(0, [&](size_t, __m256 weights) {
-        acc[r] = _mm256_fmadd_ps(weights, _mm256_load_ps(tail.x), acc[r]);
-      });
-    }
-  }
-  for (size_t r = 0; r < kRows; ++r) y[r] += total(acc[r]);
-}
-
-template <typename Decoder>
-void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
-          float* y) {
-  size_t r = 0;
-  for (; r + 4 <= rowCount; r += 4) {
-    dotRows<Decoder, 4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
-  }
-  for (; r < rowCount; ++r) dotRows<Decoder, 1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
-}
-
-// Weights of kBatchRows rows, elements first..last - 1 of each, as [register][row][lane].
-template <typename Decoder>
-void decodeRows(const uint8_t* rows, size_t rowBytes, size_t first, size_t last, float* out) {
-  constexpr size_t kStride = kBatchRows * kWidth;
-  for (size_t r = 0; r < kBatchRows; ++r) {
-    const uint8_t* block = rows + r * rowBytes + first / Decoder::kElements * Decoder::kBytes;
-    float* at = out + r * kWidth;
-    size_t e = first;
-    for (; e + Decoder::kElements <= last; e += Decoder::kElements, block += Decoder::kBytes) {
-      const Decoder decoder{block};
-      for (size_t c = 0; c < Decoder::kChunks; ++c) {
-        decoder.chunk(
-            c, [&](size_t i, __m256 weights) { _mm256_store_ps(at + kStride * i, weights); });
-      }
-      at += Decoder::kElements / kWidth * kStride;
-    }
-    if constexpr (HasTail<Decoder>) {
-      if (e == last) continue;
-      alignas(32) uint8_t tail[Decoder::kBytes] = {};
-      __builtin_memcpy(tail, block, (last - e) * Decoder::kElementBytes);
-      Decoder{tail}.chunk(0, [&](size_t, __m256 weights) { _mm256_store_ps(at, weights); });
-    }
-  }
-}
-
-// Up to eight floats, the rest zero.
-inline __m256 loadUpTo(size_t count, const float* at) {
-  if (count >= kWidth) return _mm256_loadu_ps(at);
-  alignas(32) float tail[kWidth] = {};
-  __builtin_memcpy(tail, at, count * sizeof(float));
-  return _mm256_load_ps(tail);
-}
-
-// Rows whose accumulators for three tokens fit the sixteen registers.
-constexpr size_t kTileRows = 4;
-
-// Adds kTileRows rows of the decoded weights times kTokens inputs of `count` elements to the
-// accumulators [token][row][lane].
-template <size_t kTokens>
-void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count, float* sums) {
-  __m256 acc[kTokens][kTileRows];
-  for (size_t t = 0; t < kTokens; ++t) {
-    for (size_t r = 0; r < kTileRows; ++r) {
-      acc[t][r] = _mm256_load_ps(sums + (t * kBatchRows + r) * kWidth);
-    }
-  }
-  for (size_t e = 0; e < count; e += kWidth, weights += kBatchRows * kWidth) {
-    __m256 input[kTokens];
-    for (size_t t = 0; t < kTokens; ++t) input[t] = loadUpTo(count - e, x + t * xStride + e);
-#pragma GCC unroll 4
-    for (size_t r = 0; r < kTileRows; ++r) {
-      const __m256 w = _mm256_load_ps(weights + r * kWidth);
-      for (size_t t = 0; t < kTokens; ++t) acc[t][r] = _mm256_fmadd_ps(w, input[t], acc[t][r]);
-    }
-  }
-  for (size_t t = 0; t < kTokens; ++t) {
-    for (size_t r = 0; r < kTileRows; ++r) {
-      _mm256_store_ps(sums + (t * kBatchRows + r) * kWidth, acc[t][r]);
-    }
-  }
-}
-
-// kBatchRows rows times all tokens.
-template <typename Decoder>
-void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t cols, const Batch& batch, float* y) {
-  float* weights = batch.scratch;
-  float* sums = weights + kBatchRows * kBatchCols;
-  __builtin_memset(sums, 0, batch.tokens * kBatchRows * kWidth * sizeof(float));
-  for (size_t first = 0; first < cols; first += kBatchCols) {
-    const size_t count = cols - first < kBatchCols ? cols - first : kBatchCols;
-    decodeRows<Decoder>(rows, rowBytes, first, first + count, weights);
-    const float* x = batch.x + first;
-    constexpr size_t kSums = kBatchRows * kWidth;  // of one token
-    for (size_t tile = 0; tile < kSums; tile += kTileRows * kWidth) {
-      size_t t = 0;
-      for (; t + 3 <= batch.tokens; t += 3) {
-        multiplyTile<3>(weights + tile, x + t * batch.xStride, batch.xStride, count,
-                        sums + t * kSums + tile);
-      }
-      for (; t < batch.tokens; ++t) {
-        multiplyTile<1>(weights + tile, x + t * batch.xStride, batch.xStride, count,
-                        sums + t * kSums + tile);
-      }
-    }
-  }
-  for (size_t t = 0; t < batch.tokens; ++t) {
-    for (size_t r = 0; r < kBatchRows; ++r, sums += kWidth) {
-      y[t * batch.yStride + r] += total(_mm256_load_ps(sums));
-    }
-  }
-}
-
-template <typename Decoder>
-void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
-  size_t r = 0;
-  for (; r + kBatchRows <= rowCount; r += kBatchRows) {
-    multiplyRows<Decoder>(rows + r * rowBytes, rowBytes, cols, batch, batch.y + r);
-  }
-  for (size_t t = 0; t < batch.tokens; ++t) {
-    gemv<Decoder>(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
-                  batch.y + t * batch.yStride + r);
-  }
-}
-
 float dot(const float* a, const float* b, size_t n) {
   float result = 0;
-  dotRows<F32Decoder, 1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
+  PlainProducts<F32Decoder>::dotRows<1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
   return result;
 }
 
@@ -613,10 +455,13 @@ void deltaStep(const float* from, float* to, const float* q, const float* k, flo
 const KernelTable kAvx2Kernels = {
     .name = "avx2",
     .requiredFeatures = 0x1,  // compat::kCpuAvx2
-    .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
-             KProducts<Q4k>::gemv, KProducts<Q5k>::gemv, KProducts<Q6k>::gemv, nullptr},
-    .gemm = {gemm<F32Decoder>, nullptr, gemm<Bf16Decoder>, nullptr, gemm<Q80Decoder>,
-             KProducts<Q4k>::gemm, KProducts<Q5k>::gemm, KProducts<Q6k>::gemm, nullptr},
+    .gemv = {PlainProducts<F32Decoder>::gemv, nullptr, PlainProducts<Bf16Decoder>::gemv, nullptr,
+             PlainProducts<Q80Decoder>::gemv, KProducts<Q4k>::gemv, KProducts<Q5k>::gemv,
+             KProducts<Q6k>::gemv, nullptr},
+    .gemm = {BatchedProduct<PlainProducts<F32Decoder>>::gemm, nullptr,
+             BatchedProduct<PlainProducts<Bf16Decoder>>::gemm, nullptr,
+             BatchedProduct<PlainProducts<Q80Decoder>>::gemm, BatchedProduct<KProducts<Q4k>>::gemm,
+             BatchedProduct<KProducts<Q5k>>::gemm, BatchedProduct<KProducts<Q6k>>::gemm, nullptr},
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .arrangeBatch = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,

@@ -6,6 +6,7 @@
 
 #include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
+#include "model/kernels/plain_products.h"
 
 namespace qwen35 {
 namespace {
@@ -28,69 +29,10 @@ inline __m256i load32(const uint8_t* at) {
 
 inline __mmask16 firstLanes(size_t n) { return static_cast<__mmask16>((1u << n) - 1); }
 
-// Decoders. Each turns one block of kElements weights, kBytes bytes, into registers of 16 weights,
-// handed to use(register number, weights) chunk by chunk in element order. The weights are those of
-// the block's formula, exactly.
-
-struct F32Decoder {
-  static constexpr size_t kElements = 16;
-  static constexpr size_t kBytes = 64;
-  static constexpr size_t kChunks = 1;
-
-  const uint8_t* block;
-
-  template <typename Use>
-  void chunk(size_t, const Use& use) const {
-    use(0, _mm512_loadu_ps(block));
-  }
-  static __m512 tail(const uint8_t* at, __mmask16 lanes) {
-    return _mm512_maskz_loadu_ps(lanes, at);
-  }
-};
-
-struct Bf16Decoder {
-  static constexpr size_t kElements = 32;
-  static constexpr size_t kBytes = 64;
-  static constexpr size_t kChunks = 1;
-
-  const uint8_t* block;
-
-  static __m512 widen(__m256i halves) {
-    return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(halves), 16));
-  }
-  template <typename Use>
-  void chunk(size_t, const Use& use) const {
-    use(0, widen(load32(block)));
-    use(1, widen(load32(block + 32)));
-  }
-  static __m512 tail(const uint8_t* at, __mmask16 lanes) {
-    return widen(_mm256_maskz_loadu_epi16(lanes, at));
-  }
-};
-
-struct Q80Decoder {
-  static constexpr size_t kElements = 32;
-  static constexpr size_t kBytes = 34;
-  static constexpr size_t kChunks = 1;
-
-  const uint8_t* block;
-
-  template <typename Use>
-  void chunk(size_t, const Use& use) const {
-    const __m512 d = _mm512_set1_ps(halfAt(block));
-    for (size_t i = 0; i < 2; ++i) {
-      const __m512i codes = _mm512_cvtepi8_epi32(load16(block + 2 + 16 * i));
-      use(i, _mm512_mul_ps(_mm512_cvtepi32_ps(codes), d));
-    }
-  }
-};
-
-// K-quants (model/kernels/k_products.h).
-
 struct Vector {
   using Float = __m512;
   static constexpr size_t kWidth = 16;
-  static constexpr size_t kTileTokens = 6;
+  static constexpr size_t kTileRows = 8;
 
   static Float zero() { return _mm512_setzero_ps(); }
   static Float load(const float* at) { return _mm512_loadu_ps(at); }
@@ -100,8 +42,80 @@ struct Vector {
   static Float fma(Float a, Float b, Float c) { return _mm512_fmadd_ps(a, b, c); }
   // Keeps a value that several products use in its register: GCC would load it again for each.
   static void keep(Float& v) { __asm__("" : "+v"(v)); }
+  // Lanes i and i + 8 first, then i and i + 4, i + 2, i + 1.
   static float total(Float v) { return _mm512_reduce_add_ps(v); }
+  static void addTotals(const float* acc, float* y) {
+    const Float low = addQuarters(addHalves(acc), addHalves(acc + 2 * kWidth));
+    const Float high = addQuarters(addHalves(acc + 4 * kWidth), addHalves(acc + 6 * kWidth));
+    Float sums = _mm512_add_ps(_mm512_unpacklo_ps(low, high), _mm512_unpackhi_ps(low, high));
+    sums = _mm512_add_ps(sums, _mm512_permute_ps(sums, 0x4e));
+    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 0, 0, 0, 0, 0, 0, 0, 0);
+    const __m256 totals = _mm512_castps512_ps256(_mm512_permutexvar_ps(order, sums));
+    _mm256_storeu_ps(y, _mm256_add_ps(_mm256_loadu_ps(y), totals));
+  }
+
+ private:
+  // Of two registers in memory: eight lanes each.
+  static Float addHalves(const float* at) {
+    const Float a = loadAligned(at);
+    const Float b = loadAligned(at + kWidth);
+    return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, 0x44), _mm512_shuffle_f32x4(a, b, 0xee));
+  }
+  // Of two such pairs: four lanes each.
+  static Float addQuarters(Float a, Float b) {
+    return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, 0x88), _mm512_shuffle_f32x4(a, b, 0xdd));
+  }
 };
+
+// Decoders (model/kernels/plain_products.h). The weights are those of the block's formula, exactly.
+
+struct F32Decoder {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kElements = 16;
+  static constexpr size_t kBytes = 64;
+  static constexpr size_t kElementBytes = 4;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void decode(const Use& use) const {
+    use(0, _mm512_loadu_ps(block));
+  }
+};
+
+struct Bf16Decoder {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kElements = 16;
+  static constexpr size_t kBytes = 32;
+  static constexpr size_t kElementBytes = 2;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void decode(const Use& use) const {
+    const __m512i lanes = _mm512_cvtepu16_epi32(load32(block));
+    use(0, _mm512_castsi512_ps(_mm512_slli_epi32(lanes, 16)));
+  }
+};
+
+struct Q80Decoder {
+  using Vector = qwen35::Vector;
+  static constexpr size_t kElements = 32;
+  static constexpr size_t kBytes = 34;
+
+  const uint8_t* block;
+
+  template <typename Use>
+  void decode(const Use& use) const {
+    const __m512 d = _mm512_set1_ps(halfAt(block));
+    for (size_t i = 0; i < 2; ++i) {
+      const __m512i codes = _mm512_cvtepi8_epi32(load16(block + 2 + 16 * i));
+      use(i, _mm512_mul_ps(_mm512_cvtepi32_ps(codes), d));
+    }
+  }
+};
+
+// K-quants (model/kernels/k_products.h).
 
 // Byte b of every lane, less kCentre, as a float that is too large by 2^(8b), the highest one as it
 // is.
@@ -258,165 +272,9 @@ struct Q6k {
   }
 };
 
-// Products. Every (row, token) pair has one accumulator that takes the row's registers in order, so
-// its bits depend on nothing but the row and the input.
-
-// A decoder without a tail takes whole blocks only.
-template <typename Decoder>
-concept HasTail = requires {
-  &Decoder::tail;
-};
-
-// acc[r] += one block of each row times x. The rows take turns chunk by chunk, so that the chains
-// of their accumulators overlap.
-template <typename Decoder, size_t kRows>
-inline void addBlocks(const Decoder (&blocks)[kRows], const float* x, __m512 (&acc)[kRows]) {
-#pragma GCC unroll 4
-  for (size_t c = 0; c < Decoder::kChunks; ++c) {
-#pragma GCC unroll 4
-    for (size_t r = 0; r < kRows; ++r) {
-      blocks[r].chunk(c, [&](size_t i, __m512 weights) {
-        acc[r] = _mm512_fmadd_ps(weights, _mm512_loadu_ps(x + kWidth * i), acc[r]);
-      });
-    }
-  }
-}
-
-// y[r] += row r . x for kRows rows at once, one or four.
-template <typename Decoder, size_t kRows>
-void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
-  __m512 acc[kRows] = {};
-  const size_t blocks = cols / Decoder::kElements;
-  for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
-    const uint8_t* at = rows + b * Decoder::kBytes;
-    prefetch<2>(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
-    if constexpr (kRows == 1) {
-      addBlocks<Decoder, 1>({Decoder{at}}, x, acc);
-    } else {
-      addBlocks<Decoder, 4>({Decoder{at}, Decoder{at + rowBytes}, Decoder{at + 2 * rowBytes},
-                             Decoder{at + 3 * rowBytes}},
-                            x, acc);
-    }
-  }
-  if constexpr (HasTail<Decoder>) {
-    constexpr size_t kElementBytes = Decoder::kBytes / Decoder::kElements;
-    for (size_t i = blocks * Decoder::kElements; i < cols; i += kWidth, x += kWidth) {
-      const __mmask16 lanes = firstLanes(cols - i < kWidth ? cols - i : kWidth);
-      for (size_t r = 0; r < kRows; ++r) {
-        const __m512 weights = Decoder::tail(rows + r * rowBytes + i * kElementBytes, lanes);
-        acc[r] = _mm512_fmadd_ps(weights, _mm512_maskz_loadu_ps(lanes, x), acc[r]);
-      }
-    }
-  }
-  for (size_t r = 0; r < kRows; ++r) y[r] += _mm512_reduce_add_ps(acc[r]);
-}
-
-template <typename Decoder>
-void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const float* x,
-          float* y) {
-  size_t r = 0;
-  for (; r + 4 <= rowCount; r += 4) {
-    dotRows<Decoder, 4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
-  }
-  for (; r < rowCount; ++r) dotRows<Decoder, 1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
-}
-
-// Weights of kBatchRows rows, elements first..last - 1 of each, as [register][row][lane].
-template <typename Decoder>
-void decodeRows(const uint8_t* rows, size_t rowBytes, size_t first, size_t last, float* out) {
-  constexpr size_t kStride = kBatchRows * kWidth;
-  for (size_t r = 0; r < kBatchRows; ++r) {
-    const uint8_t* block = rows + r * rowBytes + first / Decoder::kElements * Decoder::kBytes;
-    float* at = out + r * kWidth;
-    size_t e = first;
-    for (; e + Decoder::kElements <= last; e += Decoder::kElements, block += Decoder::kBytes) {
-      const Decoder decoder{block};
-      for (size_t c = 0; c < Decoder::kChunks; ++c) {
-        decoder.chunk(
-            c, [&](size_t i, __m512 weights) { _mm512_store_ps(at + kStride * i, weights); });
-      }
-      at += Decoder::kElements / kWidth * kStride;
-    }
-    if constexpr (HasTail<Decoder>) {
-      constexpr size_t kElementBytes = Decoder::kBytes / Decoder::kElements;
-      for (; e < last; e += kWidth, block += kWidth * kElementBytes, at += kStride) {
-        const __mmask16 lanes = firstLanes(last - e < kWidth ? last - e : kWidth);
-        _mm512_store_ps(at, Decoder::tail(block, lanes));
-      }
-    }
-  }
-}
-
-// Adds the decoded weights times kTokens inputs of `count` elements to the accumulators
-// [token][row][lane].
-template <size_t kTokens>
-void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count, float* sums) {
-  __m512 acc[kTokens][kBatchRows];
-  for (size_t t = 0; t < kTokens; ++t) {
-    for (size_t r = 0; r < kBatchRows; ++r) {
-      acc[t][r] = _mm512_load_ps(sums + (t * kBatchRows + r) * kWidth);
-    }
-  }
-  for (size_t e = 0; e < count; e += kWidth, weights += kBatchRows * kWidth) {
-    const __mmask16 lanes = firstLanes(count - e < kWidth ? count - e : kWidth);
-    __m512 input[kTokens];
-    for (size_t t = 0; t < kTokens; ++t) {
-      input[t] = _mm512_maskz_loadu_ps(lanes, x + t * xStride + e);
-    }
-#pragma GCC unroll 8
-    for (size_t r = 0; r < kBatchRows; ++r) {
-      const __m512 w = _mm512_load_ps(weights + r * kWidth);
-      for (size_t t = 0; t < kTokens; ++t) acc[t][r] = _mm512_fmadd_ps(w, input[t], acc[t][r]);
-    }
-  }
-  for (size_t t = 0; t < kTokens; ++t) {
-    for (size_t r = 0; r < kBatchRows; ++r) {
-      _mm512_store_ps(sums + (t * kBatchRows + r) * kWidth, acc[t][r]);
-    }
-  }
-}
-
-// kBatchRows rows times all tokens.
-template <typename Decoder>
-void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t cols, const Batch& batch, float* y) {
-  float* weights = batch.scratch;
-  float* sums = weights + kBatchRows * kBatchCols;
-  __builtin_memset(sums, 0, batch.tokens * kBatchRows * kWidth * sizeof(float));
-  for (size_t first = 0; first < cols; first += kBatchCols) {
-    const size_t count = cols - first < kBatchCols ? cols - first : kBatchCols;
-    decodeRows<Decoder>(rows, rowBytes, first, first + count, weights);
-    const float* x = batch.x + first;
-    constexpr size_t kSums = kBatchRows * kWidth;  // of one token
-    size_t t = 0;
-    for (; t + 3 <= batch.tokens; t += 3) {
-      multiplyTile<3>(weights, x + t * batch.xStride, batch.xStride, count, sums + t * kSums);
-    }
-    for (; t < batch.tokens; ++t) {
-      multiplyTile<1>(weights, x + t * batch.xStride, batch.xStride, count, sums + t * kSums);
-    }
-  }
-  for (size_t t = 0; t < batch.tokens; ++t) {
-    for (size_t r = 0; r < kBatchRows; ++r, sums += kWidth) {
-      y[t * batch.yStride + r] += _mm512_reduce_add_ps(_mm512_load_ps(sums));
-    }
-  }
-}
-
-template <typename Decoder>
-void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
-  size_t r = 0;
-  for (; r + kBatchRows <= rowCount; r += kBatchRows) {
-    multiplyRows<Decoder>(rows + r * rowBytes, rowBytes, cols, batch, batch.y + r);
-  }
-  for (size_t t = 0; t < batch.tokens; ++t) {
-    gemv<Decoder>(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
-                  batch.y + t * batch.yStride + r);
-  }
-}
-
 float dot(const float* a, const float* b, size_t n) {
   float result = 0;
-  dotRows<F32Decoder, 1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
+  PlainProducts<F32Decoder>::dotRows<1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
   return result;
 }
 
@@ -574,10 +432,13 @@ void deltaStep(const float* from, float* to, const float* q, const float* k, flo
 const KernelTable kAvx512Kernels = {
     .name = "avx512",
     .requiredFeatures = 0x3,  // compat::kCpuAvx2 | compat::kCpuAvx512
-    .gemv = {gemv<F32Decoder>, nullptr, gemv<Bf16Decoder>, nullptr, gemv<Q80Decoder>,
-             KProducts<Q4k>::gemv, KProducts<Q5k>::gemv, KProducts<Q6k>::gemv, nullptr},
-    .gemm = {gemm<F32Decoder>, nullptr, gemm<Bf16Decoder>, nullptr, gemm<Q80Decoder>,
-             KProducts<Q4k>::gemm, KProducts<Q5k>::gemm, KProducts<Q6k>::gemm, nullptr},
+    .gemv = {PlainProducts<F32Decoder>::gemv, nullptr, PlainProducts<Bf16Decoder>::gemv, nullptr,
+             PlainProducts<Q80Decoder>::gemv, KProducts<Q4k>::gemv, KProducts<Q5k>::gemv,
+             KProducts<Q6k>::gemv, nullptr},
+    .gemm = {BatchedProduct<PlainProducts<F32Decoder>>::gemm, nullptr,
+             BatchedProduct<PlainProducts<Bf16Decoder>>::gemm, nullptr,
+             BatchedProduct<PlainProducts<Q80Decoder>>::gemm, BatchedProduct<KProducts<Q4k>>::gemm,
+             BatchedProduct<KProducts<Q5k>>::gemm, BatchedProduct<KProducts<Q6k>>::gemm, nullptr},
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .arrangeBatch = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,

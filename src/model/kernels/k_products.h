@@ -16,7 +16,7 @@
 // may be shared with another translation unit.
 //
 //   struct Block {
-//     using Vector = ...;                    // register type and its few operations, see below
+//     using Vector = ...;                    // see model/kernels/products.h
 //     static constexpr size_t kBytes;        // of a block in the file
 //     static constexpr size_t kGroups;       // groups of equal numbers of registers
 //     static constexpr size_t kMinimums;      // sub-blocks with a minimum, in element order
@@ -36,15 +36,10 @@
 #include <cstdint>
 
 #include "model/kernels/kernels.h"
+#include "model/kernels/products.h"
 
 namespace qwen35 {
 namespace {
-
-// Asks for bytes, into the first-level cache (kLevel 3) or the second (2).
-template <int kLevel>
-inline void prefetch(const uint8_t* at, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, kLevel);
-}
 
 // The sixteen 6-bit codes of a Q4_K or Q5_K block: bytes 0-7 scales, 8-15 minimums.
 inline __m128i subBlockCodes(const uint8_t* block) {
@@ -103,15 +98,49 @@ struct KProducts {
     }
   }
 
-  static void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
-                   const Batch& batch) {
-    size_t r = 0;
-    for (; r + kBatchRows <= rowCount; r += kBatchRows) {
-      multiplyRows(rows + r * rowBytes, rowBytes, cols, batch, batch.y + r);
+  // A decoded block: its offsets, then group by group the scale and the codes.
+  static constexpr size_t kLine = kBatchRows * kWidth;
+  static constexpr size_t kBlockLines = kOffsets + Block::kGroups * (1 + kPerGroup);
+  static constexpr size_t kDecodedLines = kBatchCols / kElements * kBlockLines;
+
+  static constexpr size_t inputAt(size_t column) { return column / kElements * kArrangedBlock; }
+
+  static void decode(const uint8_t* rows, size_t rowBytes, size_t first, size_t count, float* out) {
+    for (size_t r = 0; r < kBatchRows; ++r) {
+      const uint8_t* block = rows + r * rowBytes + first / kElements * Block::kBytes;
+      float* at = out + r * kWidth;
+      for (size_t left = count; left >= kElements; left -= kElements, block += Block::kBytes) {
+        decodeBlock(block, at);
+        at += kBlockLines * kLine;
+      }
     }
-    for (size_t t = 0; t < batch.tokens; ++t) {
-      gemv(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
-           batch.y + t * batch.yStride + r);
+  }
+
+  // The registers hold the sums of a group, which then go to the accumulators in memory.
+  template <size_t kTokens>
+  static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
+                           float* acc) {
+    for (; count >= kElements; count -= kElements, x += kArrangedBlock) {
+      const float* offsets = weights;
+      weights += kOffsets * kLine;
+      for (size_t g = 0; g < Block::kGroups; ++g) {
+        const float* scales = weights;
+        const float* input = x + g * kPerGroup * kWidth;
+        weights += kLine;
+        Tile<Vector, kTokens> tile;
+        tile.prefetchNext(input, xStride);
+        tile.template add<true>(weights, input, xStride);
+        for (size_t i = 1; i < kPerGroup; ++i) {
+          tile.prefetchNext(input + i * kWidth, xStride);
+          tile.template add<false>(weights + i * kLine, input + i * kWidth, xStride);
+        }
+        weights += kPerGroup * kLine;
+        if (g == 0) {
+          tile.template addScaledTo<kOffsets>(acc, scales, offsets, x + kElements, xStride);
+        } else {
+          tile.template addScaledTo<0>(acc, scales, offsets, x, xStride);
+        }
+      }
     }
   }
 
@@ -224,114 +253,19 @@ struct KProducts {
     }
   }
 
-  // A decoded block: its offsets, then group by group the scale and the codes.
-  static constexpr size_t kGroupFloats = (1 + kPerGroup) * kWidth;
-  static constexpr size_t kDecoded = kOffsets * kWidth + Block::kGroups * kGroupFloats;
-  static_assert(kBatchRows * (kDecoded + kMaxBatch * kWidth) <= kBatchScratch);
-
-  static void decode(const uint8_t* bytes, float* out) {
+  static void decodeBlock(const uint8_t* bytes, float* out) {
     const Block block(bytes);
     if constexpr (kOffsets != 0) {
 #pragma GCC unroll 2
-      for (size_t i = 0; i < kOffsets; ++i, out += kWidth) Vector::store(out, block.minimums(i));
+      for (size_t i = 0; i < kOffsets; ++i, out += kLine) Vector::store(out, block.minimums(i));
     }
 #pragma GCC unroll 8
     for (size_t g = 0; g < Block::kGroups; ++g) {
       Vector::store(out, block.scale(g));
-      out += kWidth;
+      out += kLine;
 #pragma GCC unroll 8
-      for (size_t i = 0; i < kPerGroup; ++i, out += kWidth) {
+      for (size_t i = 0; i < kPerGroup; ++i, out += kLine) {
         Vector::store(out, block.codes(g * kPerGroup + i));
-      }
-    }
-  }
-
-  // Adds one decoded block of kRows rows times kTokens inputs to sums [token][row of the batch].
-  template <size_t kRows, size_t kTokens>
-  static void multiplyTile(const float* decoded, const float* x, size_t xStride, float* sums) {
-    Float acc[kTokens][kRows];
-#pragma GCC unroll 8
-    for (size_t t = 0; t < kTokens; ++t) {
-#pragma GCC unroll 2
-      for (size_t r = 0; r < kRows; ++r) {
-        acc[t][r] = Vector::loadAligned(sums + (t * kBatchRows + r) * kWidth);
-#pragma GCC unroll 2
-        for (size_t i = 0; i < kOffsets; ++i) {
-          acc[t][r] =
-              Vector::fma(Vector::loadAligned(decoded + r * kDecoded + i * kWidth),
-                          Vector::load(x + t * xStride + kElements + i * kWidth), acc[t][r]);
-        }
-      }
-    }
-    decoded += kOffsets * kWidth;
-    for (size_t g = 0; g < Block::kGroups; ++g, decoded += kGroupFloats) {
-      Float sum[kTokens][kRows];
-#pragma GCC unroll 8
-      for (size_t i = 0; i < kPerGroup; ++i, x += kWidth) {
-        Float codes[kRows];
-#pragma GCC unroll 2
-        for (size_t r = 0; r < kRows; ++r) {
-          codes[r] = Vector::loadAligned(decoded + r * kDecoded + (1 + i) * kWidth);
-        }
-#pragma GCC unroll 8
-        for (size_t t = 0; t < kTokens; ++t) {
-          Float input = Vector::load(x + t * xStride);
-          Vector::keep(input);
-#pragma GCC unroll 2
-          for (size_t r = 0; r < kRows; ++r) {
-            sum[t][r] =
-                i == 0 ? Vector::mul(codes[r], input) : Vector::fma(codes[r], input, sum[t][r]);
-          }
-        }
-      }
-#pragma GCC unroll 2
-      for (size_t r = 0; r < kRows; ++r) {
-        const Float scale = Vector::loadAligned(decoded + r * kDecoded);
-#pragma GCC unroll 8
-        for (size_t t = 0; t < kTokens; ++t) {
-          acc[t][r] = Vector::fma(sum[t][r], scale, acc[t][r]);
-        }
-      }
-    }
-#pragma GCC unroll 8
-    for (size_t t = 0; t < kTokens; ++t) {
-#pragma GCC unroll 2
-      for (size_t r = 0; r < kRows; ++r) {
-        Vector::store(sums + (t * kBatchRows + r) * kWidth, acc[t][r]);
-      }
-    }
-  }
-
-  template <size_t kTokens>
-  static void multiplyTokens(const float* decoded, const float* x, size_t xStride, float* sums) {
-    constexpr size_t kRows = 2;
-    for (size_t r = 0; r < kBatchRows; r += kRows) {
-      multiplyTile<kRows, kTokens>(decoded + r * kDecoded, x, xStride, sums + r * kWidth);
-    }
-  }
-
-  // kBatchRows rows times all tokens.
-  static void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t cols, const Batch& batch,
-                           float* y) {
-    constexpr size_t kTokens = Vector::kTileTokens;
-    constexpr size_t kSums = kBatchRows * kWidth;  // of one token
-    float* decoded = batch.scratch;
-    float* sums = decoded + kBatchRows * kDecoded;
-    __builtin_memset(sums, 0, batch.tokens * kSums * sizeof(float));
-    const float* x = batch.x;
-    for (; cols >= kElements; cols -= kElements, x += kArrangedBlock, rows += Block::kBytes) {
-      for (size_t r = 0; r < kBatchRows; ++r) decode(rows + r * rowBytes, decoded + r * kDecoded);
-      size_t t = 0;
-      for (; t + kTokens <= batch.tokens; t += kTokens) {
-        multiplyTokens<kTokens>(decoded, x + t * batch.xStride, batch.xStride, sums + t * kSums);
-      }
-      for (; t < batch.tokens; ++t) {
-        multiplyTokens<1>(decoded, x + t * batch.xStride, batch.xStride, sums + t * kSums);
-      }
-    }
-    for (size_t t = 0; t < batch.tokens; ++t) {
-      for (size_t r = 0; r < kBatchRows; ++r, sums += kWidth) {
-        y[t * batch.yStride + r] += Vector::total(Vector::loadAligned(sums));
       }
     }
   }

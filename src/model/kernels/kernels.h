@@ -10,8 +10,9 @@
 // part by part: where it cancels, the bound holds for the magnitudes of the parts.
 //
 // Tier files are built with -m flags and include nothing but <cstddef>, <cstdint>, the intrinsics
-// header, this one, k_products.h and tile_panels.h, so that no inline function compiled with wide
-// instructions can replace the baseline copy of the program.
+// header, this one, those of products (products.h, plain_products.h, k_products.h) and
+// tile_panels.h, so that no inline function compiled with wide instructions can replace the
+// baseline copy of the program.
 #pragma once
 
 #include <cstddef>

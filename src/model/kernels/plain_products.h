@@ -1,0 +1,139 @@
+// Products with weights of F32, BF16 and Q8_0, shared by the vector tiers. A tier brings one
+// decoder for each type; the loops around it are written here once.
+//
+// Every (row, token) pair has one accumulator that takes the row's registers in order, so its bits
+// depend on nothing but the row and the input.
+//
+// Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
+// may be shared with another translation unit.
+//
+//   struct Decoder {                        // of one block of weights
+//     using Vector = ...;                   // see model/kernels/products.h
+//     static constexpr size_t kElements;    // of a block
+//     static constexpr size_t kBytes;
+//     static constexpr size_t kElementBytes;  // where a row may end inside a block, which then is
+//                                             // of one register
+//     const uint8_t* block;
+//     void decode(const Use& use) const;    // use(register number, weights), in element order
+//   };
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "model/kernels/kernels.h"
+#include "model/kernels/products.h"
+
+namespace qwen35 {
+namespace {
+
+// A decoder without an element size takes whole blocks only.
+template <typename Decoder>
+concept HasTail = requires {
+  Decoder::kElementBytes;
+};
+
+template <typename Decoder>
+struct PlainProducts {
+  using Vector = typename Decoder::Vector;
+  using Float = typename Vector::Float;
+
+  static constexpr size_t kWidth = Vector::kWidth;
+  static constexpr size_t kLine = kBatchRows * kWidth;
+  static constexpr size_t kDecodedLines = kBatchCols / kWidth;
+
+  static void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                   const float* x, float* y) {
+    size_t r = 0;
+    for (; r + 4 <= rowCount; r += 4) dotRows<4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    for (; r < rowCount; ++r) dotRows<1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+  }
+
+  // y[r] += row r . x for kRows rows at once, one or four.
+  template <size_t kRows>
+  static void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
+    Float acc[kRows];
+    for (Float& a : acc) a = Vector::zero();
+    const size_t blocks = cols / Decoder::kElements;
+    for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
+      const uint8_t* at = rows + b * Decoder::kBytes;
+      prefetch<2>(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
+      addBlocks<kRows>(at, rowBytes, x, acc);
+    }
+    if constexpr (HasTail<Decoder>) {
+      const size_t left = cols % Decoder::kElements;
+      for (size_t r = 0; r < kRows && left != 0; ++r) {
+        const Tail weights(rows + r * rowBytes + blocks * Decoder::kBytes,
+                           left * Decoder::kElementBytes);
+        const Tail input(x, left * sizeof(float));
+        Decoder{weights.bytes}.decode([&](size_t, Float w) {
+          acc[r] = Vector::fma(w, Vector::loadAligned(input.floats()), acc[r]);
+        });
+      }
+    }
+    for (size_t r = 0; r < kRows; ++r) y[r] += Vector::total(acc[r]);
+  }
+
+  static constexpr size_t inputAt(size_t column) { return column; }
+
+  static void decode(const uint8_t* rows, size_t rowBytes, size_t first, size_t count, float* out) {
+    for (size_t r = 0; r < kBatchRows; ++r) {
+      const uint8_t* block = rows + r * rowBytes + first / Decoder::kElements * Decoder::kBytes;
+      float* at = out + r * kWidth;
+      size_t left = count;
+      for (; left >= Decoder::kElements; left -= Decoder::kElements, block += Decoder::kBytes) {
+        Decoder{block}.decode([&](size_t i, Float w) { Vector::store(at + kLine * i, w); });
+        at += Decoder::kElements / kWidth * kLine;
+      }
+      if constexpr (HasTail<Decoder>) {
+        if (left == 0) continue;
+        const Tail tail(block, left * Decoder::kElementBytes);
+        Decoder{tail.bytes}.decode([&](size_t, Float w) { Vector::store(at, w); });
+      }
+    }
+  }
+
+  template <size_t kTokens>
+  static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
+                           float* acc) {
+    Tile<Vector, kTokens> tile;
+    tile.load(acc);
+    for (; count >= kWidth; count -= kWidth, x += kWidth, weights += kLine) {
+      tile.prefetchNext(x, xStride);
+      tile.template add<false>(weights, x, xStride);
+    }
+    if constexpr (HasTail<Decoder>) {
+      if (count != 0) {
+        alignas(64) float inputs[kTokens][kWidth] = {};
+        for (size_t t = 0; t < kTokens; ++t) {
+          __builtin_memcpy(inputs[t], x + t * xStride, count * sizeof(float));
+        }
+        tile.template add<false>(weights, inputs[0], kWidth);
+      }
+    }
+    tile.store(acc);
+  }
+
+ private:
+  // The last elements of a row or an input, filled up with zeros to a register.
+  struct Tail {
+    alignas(64) uint8_t bytes[kWidth * sizeof(float)] = {};
+
+    Tail(const void* at, size_t count) { __builtin_memcpy(bytes, at, count); }
+    const float* floats() const { return reinterpret_cast<const float*>(bytes); }
+  };
+
+  template <size_t kRows>
+  [[gnu::always_inline]] static void addBlocks(const uint8_t* at, size_t rowBytes, const float* x,
+                                               Float (&acc)[kRows]) {
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) {
+      Decoder{at + r * rowBytes}.decode([&](size_t i, Float w) {
+        acc[r] = Vector::fma(w, Vector::load(x + kWidth * i), acc[r]);
+      });
+    }
+  }
+};
+
+}  // namespace
+}  // namespace qwen35
