@@ -6,9 +6,9 @@ if(NOT TARGET GTest::gtest)
     message(FATAL_ERROR "no ${source}; scripts/bootstrap.sh all installs it")
   endif()
   set(INSTALL_GTEST OFF)
-  # The project's warnings are not meant for it.
+  # The warnings of the project are not meant for it, and it need not be fast.
   get_directory_property(ownOptions COMPILE_OPTIONS)
-  set_directory_properties(PROPERTIES COMPILE_OPTIONS "")
+  set_directory_properties(PROPERTIES COMPILE_OPTIONS -O0)
   add_subdirectory(${source} ${PROJECT_BINARY_DIR}/googletest EXCLUDE_FROM_ALL)
   set_directory_properties(PROPERTIES COMPILE_OPTIONS "${ownOptions}")
   if(NOT TARGET GTest::gtest_main)

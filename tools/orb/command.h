@@ -17,7 +17,4 @@ void addRunCommand(CLI::App& app, int& exitCode);
 void addSynthCommand(CLI::App& app, int& exitCode);
 void addValidateCommand(CLI::App& app, int& exitCode);
 
-// The program: 0 done, 1 failed, 2 wrong usage.
-int runTool(int argc, char** argv);
-
 }  // namespace orb

@@ -1,3 +1,3 @@
-#include "orb/command.h"
+#include "orb/tool.h"
 
 int main(int argc, char** argv) { return orb::runTool(argc, argv); }

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "compat/utf16.h"
-#include "orb/command.h"
+#include "orb/tool.h"
 
 // A question mark in a question is no pattern of file names.
 extern "C" int _dowildcard;

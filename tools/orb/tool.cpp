@@ -1,3 +1,5 @@
+#include "orb/tool.h"
+
 #include <cstdio>
 #include <exception>
 #include <new>

@@ -13,9 +13,9 @@
 namespace orb::validate {
 namespace {
 
-class Handle {
+class OwnedHandle {
  public:
-  ~Handle() { close(); }
+  ~OwnedHandle() { close(); }
   void close() {
     if (value != nullptr && value != INVALID_HANDLE_VALUE) CloseHandle(value);
     value = nullptr;
@@ -45,7 +45,7 @@ HANDLE start(const std::vector<std::string>& arguments, HANDLE writeEnd) {
     appendQuoted(line, wide);
   }
   SECURITY_ATTRIBUTES inherited{sizeof inherited, nullptr, TRUE};
-  Handle input;
+  OwnedHandle input;
   input.value = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
                             OPEN_EXISTING, 0, nullptr);
   STARTUPINFOW streams{};
@@ -89,7 +89,7 @@ void tellEnd(HANDLE process, ProcessResult& result) {
 
 ProcessResult runProcess(const std::vector<std::string>& arguments, double timeoutSeconds) {
   ProcessResult result;
-  Handle readEnd, writeEnd, process;
+  OwnedHandle readEnd, writeEnd, process;
   if (CreatePipe(&readEnd.value, &writeEnd.value, nullptr, 0) == 0) return result;
   SetHandleInformation(writeEnd.value, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
   const auto began = std::chrono::steady_clock::now();
