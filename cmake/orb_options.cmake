@@ -28,10 +28,9 @@ add_compile_options(-Wall -Wextra -Werror -Wshadow -Wno-missing-field-initialize
 if(ORB_SANITIZER)
   add_compile_options(-fsanitize=${ORB_SANITIZER} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ORB_SANITIZER})
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # GCC 12 finds uninitialized members in its own <regex> once it is instrumented.
-    add_compile_options(-Wno-maybe-uninitialized)
-  endif()
+  # Programs in C bring the sanitizers' runtime for the plug-in that they load, which is C++.
+  add_link_options($<$<LINK_LANG_AND_ID:C,Clang>:-fsanitize-link-c++-runtime>)
+  set(CMAKE_C_STANDARD_LIBRARIES -lstdc++)
 endif()
 
 # One layer of the library: a static target orb_<name> of the sources, with src/ and include/ on

@@ -3,13 +3,13 @@
 # and leaves it behind.
 #
 # cmake -DRUNNER=... -DPYTHON=... -DREFERENCE=orb_reference.py -DMODEL=... -DTOKENS=... -DCOUNT=...
-#   -DTIER=... -DTHREADS=... [-DEMULATOR=...] -P run_case.cmake
+#   -DTIER=... -DTHREADS=... -P run_case.cmake
 # MODEL.reference.bin must exist.
 cmake_minimum_required(VERSION 3.25)
 
 set(dump ${MODEL}.${TIER}.${THREADS}.bin)
 execute_process(
-  COMMAND ${EMULATOR} ${RUNNER} run ${MODEL} ${TOKENS} ${dump} ${COUNT} ${TIER} ${THREADS}
+  COMMAND ${RUNNER} run ${MODEL} ${TOKENS} ${dump} ${COUNT} ${TIER} ${THREADS}
   OUTPUT_VARIABLE continuation COMMAND_ERROR_IS_FATAL ANY)
 execute_process(
   COMMAND ${PYTHON} ${REFERENCE} compare ${dump} ${MODEL}.reference.bin --tolerance 1e-4
