@@ -20,8 +20,15 @@ part() {
   summary+=("$(printf '%-22s %4d s' "$name" $((SECONDS - start)))")
 }
 
-build() {
-  cmake --preset "$1" >/dev/null && cmake --build --preset "$1"
+# All at a time: each takes one processor.
+configure() {
+  local preset pid status=0 pids=()
+  for preset; do
+    cmake --preset "$preset" >/dev/null &
+    pids+=($!)
+  done
+  for pid in "${pids[@]}"; do wait "$pid" || status=1; done
+  return "$status"
 }
 
 # How many entries of CTest there were, and how many cases they say that they have run; those of the
@@ -54,11 +61,12 @@ trap 'scripts/run_windows.sh --stop' EXIT
 
 part "packages" scripts/bootstrap.sh all
 part "format" scripts/check_format.sh
-part "release build" build release
-part "windows build" build windows
+part "configuring" configure release windows asan-ubsan
+part "release build" cmake --build --preset release
+part "windows build" cmake --build --preset windows
 part "tests" run_tests release-and-windows release
 part "lint" scripts/check_tidy.sh
-part "asan-ubsan build" build asan-ubsan
+part "asan-ubsan build" cmake --build --preset asan-ubsan
 part "asan-ubsan tests" run_tests asan-ubsan asan-ubsan
 
 echo
