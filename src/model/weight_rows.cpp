@@ -42,8 +42,8 @@ void lookUp(Model& model, Product& product) {
   const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
   product.gemv = kernels.gemv[static_cast<size_t>(type)];
   product.gemm = kernels.gemm[static_cast<size_t>(type)];
-  product.arrange = model.work.isBatch ? kernels.arrangeBatch[static_cast<size_t>(type)]
-                                       : kernels.arrange[static_cast<size_t>(type)];
+  product.arrange = kernels.arrange[static_cast<size_t>(type)];
+  if (model.work.isBatch) product.arrangeBatch = kernels.arrangeBatch[static_cast<size_t>(type)];
   product.arranged = product.x;
   product.arrangedStride = product.xStride;
   if (!model.work.isBatch && hasHook(model) && isSuperBlock(type)) {
@@ -55,7 +55,7 @@ void lookUp(Model& model, Product& product) {
 void arrangeInputs(Model& model, std::span<Product> products) {
   uint64_t done[std::tuple_size_v<decltype(Workspace::arranged)>] = {};  // elements, by type
   for (Product& product : products) {
-    if (product.done || product.arrange == nullptr) continue;
+    if (product.done || (product.arrange == nullptr && product.arrangeBatch == nullptr)) continue;
     const kiv::TensorView& W = *product.W;
     const uint64_t cols = W.dims[0];
     TokenRows& rows = model.work.arranged[W.type];
@@ -65,7 +65,12 @@ void arrangeInputs(Model& model, std::span<Product> products) {
     if (done[W.type] >= cols) continue;
     done[W.type] = cols;
     model.team.forEach(product.tokens, [&](size_t t) {
-      product.arrange(product.x + t * product.xStride, cols, rows.row(t));
+      const float* x = product.x + t * product.xStride;
+      if (product.arrangeBatch != nullptr) {
+        product.arrangeBatch(x, cols, t, rows.data(), rows.width());
+      } else {
+        product.arrange(x, cols, rows.row(t));
+      }
     });
   }
 }

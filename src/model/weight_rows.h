@@ -49,7 +49,8 @@ struct Product {
   GemvKernel gemv = nullptr;
   GemmKernel gemm = nullptr;
   ArrangeKernel arrange = nullptr;
-  const float* arranged = nullptr;  // x in the form that the kernels take
+  ArrangeBatchKernel arrangeBatch = nullptr;  // takes the place of arrange
+  const float* arranged = nullptr;            // x in the form that the kernels take
   size_t arrangedStride = 0;
 
   Product(const kiv::TensorView* weights, const TokenRows& input, TokenRows& output, size_t count)

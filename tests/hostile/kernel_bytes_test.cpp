@@ -46,18 +46,17 @@ class KernelBytesTest : public TierTest {
                              const std::vector<float>& x, Side side) {
     const auto index = static_cast<size_t>(type);
     const size_t cols = x.size();
-    std::vector<float> arranged(arrangedWidth(kernels(), type, cols));
+    const size_t width = arrangedWidth(kernels(), type, cols);
     GuardedBuffer plain(x, side);
-    arrange(kernels(), type, plain.floats(), cols, arranged.data());
     GuardedBuffer rows(row, side);
-    GuardedBuffer input(arranged, side);
+    GuardedBuffer input(
+        arranged(kernels(), type, Kernels::OneToken, plain.floats(), cols, 1, width), side);
     GuardedBuffer y(std::vector<float>(1, 0.0f), side);
     kernels().gemv[index](rows.bytes(), row.size(), 1, cols, input.floats(), y.floats());
 
-    const size_t width = arrangedWidth(kernels(), type, cols, Kernels::Batch);
-    std::vector<float> twice(2 * width);
+    std::vector<float> twice = roomForInputs(kernels(), type, Kernels::Batch, cols, 2, width);
     for (size_t t = 0; t < 2; ++t) {
-      arrange(kernels(), type, plain.floats(), cols, twice.data() + t * width, Kernels::Batch);
+      arrange(kernels(), type, Kernels::Batch, plain.floats(), cols, t, twice.data(), width);
     }
     GuardedBuffer inputs(twice, side);
     GuardedBuffer both(std::vector<float>(2, 0.0f), side);

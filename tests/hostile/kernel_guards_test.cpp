@@ -70,16 +70,17 @@ struct Weights {
 
 class ProductGuardsTest : public TierTest {
  protected:
-  // The inputs of one token in the form that the type's kernels take.
-  std::vector<float> arranged(QuantType type, const std::vector<float>& x, Side side,
-                              Kernels which = Kernels::OneToken) const {
-    const auto kernel = arrangeKernel(kernels(), type, which);
-    if (kernel == nullptr) return x;
-    const size_t width = arrangedWidth(kernels(), type, x.size(), which);
+  // Inputs in the form that the type's kernels take, made with guards on either side.
+  std::vector<float> guardedInputs(QuantType type, Kernels which, const std::vector<float>& x,
+                                   size_t cols, size_t stride, Side side) const {
+    const size_t tokens = x.size() / cols;
+    const std::vector<float> room = roomForInputs(kernels(), type, which, cols, tokens, stride);
     GuardedBuffer in(x, side);
-    GuardedBuffer out(width * sizeof(float), side);
-    kernel(in.floats(), x.size(), out.floats());
-    return read(out, width);
+    GuardedBuffer out(room, side);
+    for (size_t t = 0; t < tokens; ++t) {
+      arrange(kernels(), type, which, in.floats() + t * cols, cols, t, out.floats(), stride);
+    }
+    return read(out, room.size());
   }
 
   // One token after the other in free memory.
@@ -96,18 +97,10 @@ class ProductGuardsTest : public TierTest {
   // All tokens in one call; the strides leave gaps of which the last token has none.
   std::vector<float> batched(const Weights& w, const std::vector<float>& x, size_t tokens,
                              size_t gap, Side side) const {
-    const size_t width = arrangedWidth(kernels(), w.type, w.cols, Kernels::Batch);
-    const size_t xStride = width + gap;
+    const size_t xStride = arrangedWidth(kernels(), w.type, w.cols) + gap;
     const size_t yStride = w.rows + gap;
-    std::vector<float> inputs(tokens * xStride - gap, NAN);
-    for (size_t t = 0; t < tokens; ++t) {
-      const auto from = x.begin() + static_cast<ptrdiff_t>(t * w.cols);
-      const std::vector<float> token(from, from + static_cast<ptrdiff_t>(w.cols));
-      const std::vector<float> form = arranged(w.type, token, side, Kernels::Batch);
-      std::copy(form.begin(), form.end(), inputs.begin() + static_cast<ptrdiff_t>(t * xStride));
-    }
     GuardedBuffer rows(w.bytes, side);
-    GuardedBuffer in(inputs, side);
+    GuardedBuffer in(guardedInputs(w.type, Kernels::Batch, x, w.cols, xStride, side), side);
     GuardedBuffer out(std::vector<float>(tokens * yStride - gap, 0.5f), side);
     GuardedBuffer scratch(qwen35::kBatchScratch * sizeof(float), side);
     kernels().gemm[static_cast<size_t>(w.type)](
@@ -136,10 +129,16 @@ TEST_P(ProductGuardsTest, ArrangedInputsHaveTheBitsOfFreeMemory) {
   for (const QuantType type : kMatrixTypes) {
     for (const Kernels which : {Kernels::OneToken, Kernels::Batch}) {
       for (const size_t cols : {256, 512, 2560}) {
-        const std::vector<float> x = normals(cols, 1);
-        std::vector<float> expected(arrangedWidth(kernels(), type, cols, which));
-        arrange(kernels(), type, x.data(), cols, expected.data(), which);
-        for (const Side side : kSides) expectSame(arranged(type, x, side, which), expected);
+        const std::vector<float> x = normals(3 * cols, 1);
+        const size_t tokens = which == Kernels::Batch ? 3 : 1;
+        const std::vector<float> inputs(x.begin(),
+                                        x.begin() + static_cast<ptrdiff_t>(tokens * cols));
+        const size_t width = arrangedWidth(kernels(), type, cols);
+        const std::vector<float> expected =
+            arranged(kernels(), type, which, x.data(), cols, tokens, width);
+        for (const Side side : kSides) {
+          expectSame(guardedInputs(type, which, inputs, cols, width, side), expected);
+        }
       }
     }
   }
@@ -154,7 +153,8 @@ TEST_P(ProductGuardsTest, OneTokenOfEveryLengthAndPattern) {
         const std::vector<float> expected = single(w, x, 1);
         for (const Side side : kSides) {
           GuardedBuffer rows(w.bytes, side);
-          GuardedBuffer in(arranged(type, x, side), side);
+          const size_t width = arrangedWidth(kernels(), type, cols);
+          GuardedBuffer in(guardedInputs(type, Kernels::OneToken, x, cols, width, side), side);
           GuardedBuffer out(std::vector<float>(w.rows, 0.5f), side);
           kernels().gemv[static_cast<size_t>(type)](rows.bytes(), w.rowBytes, w.rows, cols,
                                                     in.floats(), out.floats());

@@ -11,7 +11,7 @@
 cmake_minimum_required(VERSION 3.25)
 
 set(baseline kernel_table.cpp scalar.cpp ${WITHOUT})
-set(own_headers kernels.h products.h plain_products.h k_products.h tile_panels.h)
+set(own_headers kernels.h products.h plain_products.h k_products.h tile_weights.h)
 set(allowed "<immintrin.h>" "<cstddef>" "<cstdint>")
 foreach(header IN LISTS own_headers)
   list(APPEND allowed "\"model/kernels/${header}\"")

@@ -29,42 +29,62 @@ inline std::string tierName(const testing::TestParamInfo<const qwen35::KernelTab
 // The kernels of one token and those of batches, whose inputs may have forms of their own.
 enum class Kernels { OneToken, Batch };
 
-inline qwen35::ArrangeKernel arrangeKernel(const qwen35::KernelTable& tier, kiv::QuantType type,
-                                           Kernels kernels) {
-  const auto index = static_cast<size_t>(type);
-  return kernels == Kernels::Batch ? tier.arrangeBatch[index] : tier.arrange[index];
-}
-
 // The kernels that products of a batch must have the bits of.
 inline Kernels batchReference(const qwen35::KernelTable& tier, kiv::QuantType type) {
-  const bool same =
-      arrangeKernel(tier, type, Kernels::Batch) == arrangeKernel(tier, type, Kernels::OneToken);
-  return same ? Kernels::OneToken : Kernels::Batch;
+  const bool ownForm = tier.arrangeBatch[static_cast<size_t>(type)] != nullptr;
+  return ownForm ? Kernels::Batch : Kernels::OneToken;
 }
 
-// The input of a type's product kernels: in arranged form where the tier has one, else as it comes.
-inline size_t arrangedWidth(const qwen35::KernelTable& tier, kiv::QuantType type, size_t cols,
-                            Kernels kernels = Kernels::OneToken) {
-  const bool arranges = arrangeKernel(tier, type, kernels) != nullptr;
+// Floats of one token's inputs: in arranged form where the tier has one, else as they come.
+inline size_t arrangedWidth(const qwen35::KernelTable& tier, kiv::QuantType type, size_t cols) {
+  const auto index = static_cast<size_t>(type);
+  const bool arranges = tier.arrange[index] != nullptr || tier.arrangeBatch[index] != nullptr;
   return arranges ? (cols + 255) / 256 * qwen35::kArrangedBlock : cols;
 }
 
-inline void arrange(const qwen35::KernelTable& tier, kiv::QuantType type, const float* x,
-                    size_t cols, float* out, Kernels kernels = Kernels::OneToken) {
-  if (const auto kernel = arrangeKernel(tier, type, kernels)) {
-    kernel(x, cols, out);
+// Puts the inputs of one token of a batch where gemm, or those of the only one where gemv reads
+// them; the tokens have `stride` floats each.
+inline void arrange(const qwen35::KernelTable& tier, kiv::QuantType type, Kernels kernels,
+                    const float* x, size_t cols, size_t token, float* out, size_t stride) {
+  const auto index = static_cast<size_t>(type);
+  if (kernels == Kernels::Batch && tier.arrangeBatch[index] != nullptr) {
+    tier.arrangeBatch[index](x, cols, token, out, stride);
+  } else if (tier.arrange[index] != nullptr) {
+    tier.arrange[index](x, cols, out + token * stride);
   } else {
-    std::copy_n(x, cols, out);
+    std::copy_n(x, cols, out + token * stride);
   }
+}
+
+// Zeros for the inputs of so many tokens, and not a float more than the kernels may read.
+inline std::vector<float> roomForInputs(const qwen35::KernelTable& tier, kiv::QuantType type,
+                                        Kernels kernels, size_t cols, size_t tokens,
+                                        size_t stride) {
+  const size_t group = qwen35::kTokenGroup;
+  const bool mingles =
+      kernels == Kernels::Batch && tier.arrangeBatch[static_cast<size_t>(type)] != nullptr;
+  const size_t width = arrangedWidth(tier, type, cols);
+  return std::vector<float>(mingles ? (tokens + group - 1) / group * group * stride
+                                    : (tokens - 1) * stride + width);
+}
+
+inline std::vector<float> arranged(const qwen35::KernelTable& tier, kiv::QuantType type,
+                                   Kernels kernels, const float* x, size_t cols, size_t tokens,
+                                   size_t stride) {
+  std::vector<float> out = roomForInputs(tier, type, kernels, cols, tokens, stride);
+  for (size_t t = 0; t < tokens; ++t) {
+    arrange(tier, type, kernels, x + t * cols, cols, t, out.data(), stride);
+  }
+  return out;
 }
 
 // y[r] += (row r) . x on this thread.
 inline void addProduct(const qwen35::KernelTable& tier, kiv::QuantType type, const uint8_t* rows,
                        size_t rowBytes, size_t rowCount, size_t cols, const float* x, float* y,
                        Kernels kernels = Kernels::OneToken) {
-  std::vector<float> input(arrangedWidth(tier, type, cols, kernels));
-  arrange(tier, type, x, cols, input.data(), kernels);
   const auto index = static_cast<size_t>(type);
+  const size_t width = arrangedWidth(tier, type, cols);
+  const std::vector<float> input = arranged(tier, type, kernels, x, cols, 1, width);
   if (kernels == Kernels::OneToken) {
     tier.gemv[index](rows, rowBytes, rowCount, cols, input.data(), y);
     return;
@@ -72,7 +92,7 @@ inline void addProduct(const qwen35::KernelTable& tier, kiv::QuantType type, con
   qwen35::ZeroedArray scratch;
   scratch.resize(qwen35::kBatchScratch);
   tier.gemm[index](rows, rowBytes, rowCount, cols,
-                   {input.data(), input.size(), y, rowCount, 1, scratch.data()});
+                   {input.data(), width, y, rowCount, 1, scratch.data()});
 }
 
 }  // namespace orbtest

@@ -329,10 +329,11 @@ TEST_P(GemvTest, TouchesNothingOutsideOfRowsInputAndOutput) {
     const std::vector<float> expected = product(m.bytes.data(), m.rowBytes, 3, cols, input.data());
     for (const Side side : {Side::Begin, Side::End}) {
       GuardedBuffer rows(m.bytes, side);
-      std::vector<float> arranged(orbtest::arrangedWidth(*tier_, type(), cols));
       GuardedBuffer plain(input, side);
-      orbtest::arrange(*tier_, type(), plain.floats(), cols, arranged.data());
-      GuardedBuffer x(arranged, side);
+      const size_t width = orbtest::arrangedWidth(*tier_, type(), cols);
+      GuardedBuffer x(
+          orbtest::arranged(*tier_, type(), Kernels::OneToken, plain.floats(), cols, 1, width),
+          side);
       GuardedBuffer y(std::vector<float>(3, 0.0f), side);
       const auto index = static_cast<size_t>(type());
       tier_->gemv[index](rows.bytes(), m.rowBytes, 3, cols, x.floats(), y.floats());

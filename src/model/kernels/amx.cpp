@@ -2,11 +2,10 @@
 // the table is the AVX-512 tier's.
 //
 // A tile instruction adds the products of 16 tokens x 32 inputs and 32 inputs x 16 rows to 16 x 16
-// sums. It takes bf16, eight significant bits. The codes of a block are small integers, which bf16
-// holds exactly; an input is the sum of two bf16 limbs, sixteen bits and more. So each tile of
-// codes is multiplied with two tiles of limbs into the same sums, whose scales are applied outside:
+// sums. It takes bf16, eight significant bits. Inputs and weights are sums of two such limbs each,
+// sixteen bits and more, and three of the four products of limbs count:
 //
-//   row . x = sum over sub-blocks of  scale * (codes . high + codes . low)  -  minimum * sum of x
+//   weight * x = high * x.high + low * x.high + high * x.low      (+ 2^-16 of it at most)
 //
 // Every (row, token) pair takes the same operations in the same order whatever the number of rows
 // and tokens is: a token has the same bits in every batch.
@@ -16,42 +15,33 @@
 #include <cstdint>
 
 #include "model/kernels/kernels.h"
-#include "model/kernels/tile_panels.h"
+#include "model/kernels/tile_weights.h"
 
 namespace qwen35 {
 namespace {
 
-constexpr size_t kPanelsAtOnce = 2;  // of sixteen rows: they share every tile of inputs
-
-// Tile registers. GCC's intrinsics take literals only, and do not say what they read.
-
-// Both operands of a product of full tiles, and of one with the tokens that are left.
-template <int kFirst>
-struct Tiles {
-  static constexpr int kSums = kFirst;  // and the next
-  static constexpr int kInputs = kFirst + 2;
-};
-using FullTiles = Tiles<0>;
-using RestTiles = Tiles<3>;
-constexpr int kWeights = 6;  // and the next
+// Tile registers: the sums of up to 64 tokens, a tile of weights and one of inputs. A last tile of
+// fewer than sixteen tokens has the last register of sums, and one of its own for its inputs. GCC's
+// intrinsics take literals only, and do not say what they read.
+constexpr int kLastSums = 3;
+constexpr int kHighWeights = 4;
+constexpr int kLowWeights = 5;
+constexpr int kInputs = 6;
+constexpr int kFewInputs = 7;
+static_assert(kMaxBatch == (kLastSums + 1) * kSide);
 
 template <int kTile>
-inline void zeroTile() {
-  __asm__ volatile("tilezero %%tmm%c0" ::"i"(kTile));
-}
-template <int kTile>
-inline void loadTile(const void* at, size_t stride) {
-  __asm__ volatile("tileloadd (%1,%2), %%tmm%c0" ::"i"(kTile), "r"(at), "r"(stride) : "memory");
+inline void loadTile(const void* at) {
+  __asm__ volatile("tileloadd (%1,%2), %%tmm%c0" ::"i"(kTile), "r"(at), "r"(size_t{64}) : "memory");
 }
 template <int kTile>
 inline void storeTile(void* at) {
   __asm__ volatile("tilestored %%tmm%c0, (%1,%2)" ::"i"(kTile), "r"(at), "r"(size_t{64})
                    : "memory");
 }
-template <int kSums, int kInputs, int kRight>
+template <int kSums, int kLeft, int kRight>
 inline void multiplyTiles() {
-  __asm__ volatile("tdpbf16ps %%tmm%c2, %%tmm%c1, %%tmm%c0" ::"i"(kSums), "i"(kInputs),
-                   "i"(kRight));
+  __asm__ volatile("tdpbf16ps %%tmm%c2, %%tmm%c1, %%tmm%c0" ::"i"(kSums), "i"(kLeft), "i"(kRight));
 }
 
 // The thread's tile registers, from here on to the end of the scope.
@@ -69,9 +59,9 @@ class TileScope {
       config.lineBytes[i] = 64;
       config.lines[i] = kSide;
     }
-    const size_t rest = tokens % kSide;
-    for (int i = RestTiles::kSums; i <= RestTiles::kInputs && rest != 0; ++i) {
-      config.lines[i] = static_cast<uint8_t>(rest);
+    if (const auto few = static_cast<uint8_t>(tokens % kSide); few != 0) {
+      config.lines[kLastSums] = few;
+      config.lines[kFewInputs] = few;
     }
     __asm__ volatile("ldtilecfg %0" ::"m"(config));
   }
@@ -80,9 +70,12 @@ class TileScope {
   TileScope& operator=(const TileScope&) = delete;
 };
 
-// Inputs of a token: for each panel the lines of its tiles, high limbs before low ones, then minus
-// the sums of its sub-blocks.
-constexpr size_t kSumsAt = 256;  // of a panel's kArrangedBlock
+// Inputs of sixteen tokens: for each tile of 32 columns their high limbs, a line for each token,
+// then their low ones.
+constexpr size_t kLimbs = kSide * kSide;  // floats of memory for the high limbs of a tile
+constexpr size_t kInputTile = 2 * kLimbs;
+static_assert(kTokenGroup == kSide);
+static_assert(kPanelTiles * kInputTile <= kSide * kArrangedBlock);
 
 inline __m512i roundToBf16(__m512 first, __m512 second) {
   return (__m512i)_mm512_cvtne2ps_pbh(second, first);
@@ -91,258 +84,207 @@ inline __m512 widen(__m256i bf16) {
   return _mm512_castsi512_ps(_mm512_slli_epi32(_mm512_cvtepu16_epi32(bf16), 16));
 }
 
-// The order of a type's places, as indices of a 16-bit permutation.
-template <typename Type>
-inline __m512i placeOrder() {
-  alignas(64) static constexpr struct Order {
-    uint16_t index[32] = {};
-    constexpr Order() {
-      for (size_t i = 0; i < 32; ++i) index[i] = static_cast<uint16_t>(Type::place(i));
-    }
-  } kOrder;
-  return _mm512_load_si512(&kOrder);
-}
-
-// 32 inputs as two lines: their high limbs and their low ones; joined, the limbs of the first
-// sixteen and those of the rest.
-template <typename Type>
-inline void splitLimbs(__m512 first, __m512 second, float* out) {
-  const __m512i high = roundToBf16(first, second);
-  const __m512i low = roundToBf16(_mm512_sub_ps(first, widen(_mm512_castsi512_si256(high))),
-                                  _mm512_sub_ps(second, widen(_mm512_extracti64x4_epi64(high, 1))));
-  const __m512i order = placeOrder<Type>();
-  __m512i lines[2] = {high, low};
-  if constexpr (Type::kJoined) {
-    lines[0] = _mm512_inserti64x4(high, _mm512_castsi512_si256(low), 1);
-    lines[1] = _mm512_shuffle_i64x2(high, low, 0xee);
-  }
-  _mm512_storeu_si512(out, _mm512_permutexvar_epi16(order, lines[0]));
-  _mm512_storeu_si512(out + 16, _mm512_permutexvar_epi16(order, lines[1]));
-}
-
 inline __mmask16 firstLanes(size_t n) {
   return static_cast<__mmask16>(n < 16 ? (1u << n) - 1 : 0xffff);
 }
 
+// Sixteen inputs from `at` on; those past `cols` are zeros.
+inline __m512 loadInputs(const float* x, size_t cols, size_t at) {
+  return _mm512_maskz_loadu_ps(firstLanes(at < cols ? cols - at : 0), x + at);
+}
+
 template <typename Type>
-void arrange(const float* x, size_t cols, float* out) {
-  for (size_t first = 0; first < cols; first += kPanel, out += kArrangedBlock) {
-    float* sums = out + kSumsAt;
-    for (size_t i = 0; i < 8; ++i) {
-      const size_t at = first + 32 * i;
-      const size_t left = at < cols ? cols - at : 0;
-      const __m512 a = _mm512_maskz_loadu_ps(firstLanes(left), x + at);
-      const __m512 b = _mm512_maskz_loadu_ps(firstLanes(left < 16 ? 0 : left - 16), x + at + 16);
-      splitLimbs<Type>(a, b, out + 32 * i);
-      sums[i] = -_mm512_reduce_add_ps(_mm512_add_ps(a, b));
-      sums[8 + i] = 0;
-    }
+void arrange(const float* x, size_t cols, size_t token, float* out, size_t stride) {
+  out += token / kSide * kSide * stride + token % kSide * kSide;
+  for (size_t tile = 0; tile * kTileCols < cols; ++tile, out += kInputTile) {
+    const size_t panel = tile / kPanelTiles * kPanelCols;
+    const __m512 first = loadInputs(x, cols, panel + Type::half(tile % kPanelTiles, 0));
+    const __m512 second = loadInputs(x, cols, panel + Type::half(tile % kPanelTiles, 1));
+    const __m512i high = roundToBf16(first, second);
+    const __m512 firstLow = _mm512_sub_ps(first, widen(_mm512_castsi512_si256(high)));
+    const __m512 secondLow = _mm512_sub_ps(second, widen(_mm512_extracti64x4_epi64(high, 1)));
+    _mm512_storeu_si512(out, high);
+    _mm512_storeu_si512(out + kLimbs, roundToBf16(firstLow, secondLow));
   }
 }
 
-// Sums that are taken before their scales are applied: they stay in the nearest cache.
-constexpr size_t kSumsAtOnce = 2;
-
-// Rows that go through the columns together, a chunk of columns at a time: the inputs of a chunk
-// stay in the core's cache while every group of rows reads them.
-constexpr size_t kGroupRows = kPanelsAtOnce * kSide;
-constexpr size_t kRowsAtOnce = 4 * kGroupRows;
-constexpr size_t kChunk = 8 * kPanel;
+// Rows that go through the columns together: the inputs of a panel of columns stay in the core's
+// caches while every sixteen rows read them.
+constexpr size_t kRowsAtOnce = 128;
 
 // What a product works on.
 template <typename Type>
 struct alignas(64) Work {
-  using Sum = float[kPanelsAtOnce][kSide][kSide];  // [panel][token][row]
-
-  Panel<Type::kTiles> panels[kPanelsAtOnce];
-  Sum sums[2][kSumsAtOnce];                                         // [turn]
-  float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];                 // [sixteen rows][token][row]
-  uint8_t filled[kSide * kPanel / Type::kElements * Type::kBytes];  // rows made up to sixteen
+  WeightTile tiles[2];  // one is multiplied with while the other is made
+  typename Type::Panel panel;
+  float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];  // [sixteen rows][token][row]
+  uint8_t filled[kSide * kPanelCols / Type::kElements * Type::kBytes];  // rows made up to sixteen
 };
 
-// A tile of tokens and the sums of a panel that are taken together.
-struct Step {
-  const float* x = nullptr;  // of the first token
-  size_t token = 0;
-  size_t tokens = 0;
-  size_t first = 0;  // sum
-  size_t count = 0;
-};
-
-// One panel of columns of kPanels times sixteen rows for all tokens, into acc[panel][token][row].
-template <typename Type, size_t kPanels>
-class PanelProduct {
+// The tiles of up to kRowsAtOnce rows in the order in which they are multiplied: panel of columns
+// by panel, sixteen rows by sixteen.
+template <typename Type>
+class TileSequence {
  public:
-  using Sum = typename Work<Type>::Sum;
+  TileSequence(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, Work<Type>& work)
+      : work_(work), rows_(rows), rowBytes_(rowBytes), rowCount_(rowCount), cols_(cols) {}
 
-  PanelProduct(Work<Type>& work, size_t xStride, size_t tiles, float (*acc)[kMaxBatch][kSide])
-      : work_(work),
-        acc_(acc),
-        xStride_(xStride),
-        tilesPerSum_(tiles < Type::kTilesPerSum ? tiles : Type::kTilesPerSum),
-        sums_(tiles / tilesPerSum_) {}
+  // Tiles of the panel that begins at column `first`.
+  size_t tilesAt(size_t first) const {
+    return cols_ - first < kPanelCols ? (cols_ - first + kTileCols - 1) / kTileCols : kPanelTiles;
+  }
 
-  // The tile unit is a step ahead of the scales: what reads its sums at once would wait for it.
-  void run(const float* x, size_t tokens) {
-    Step last;
-    size_t turn = 0;
-    for (size_t first = 0; first < sums_; first += kSumsAtOnce) {
-      for (size_t t = 0; t < tokens; t += kSide, turn ^= 1) {
-        const Step step = {x + t * xStride_, t, tokens - t < kSide ? tokens - t : kSide, first,
-                           sums_ - first < kSumsAtOnce ? sums_ - first : kSumsAtOnce};
-        if (step.tokens == kSide) {
-          sumTiles<FullTiles>(step, turn, last);
-        } else {
-          sumTiles<RestTiles>(step, turn, last);
-        }
-        last = step;
-      }
-    }
-    for (size_t p = 0; p < kPanels; ++p) applyScales(last, turn ^ 1, p);
+  // The maker of the next tile; after the last one, of any.
+  TileMaker<Type> next() {
+    if (tile_ == 0) openPanel();
+    const TileMaker<Type> maker(Rows(at_, stride_), work_.panel, tile_);
+    if (++tile_ == tilesAt(column_)) advance();
+    return maker;
   }
 
  private:
-  // The sums of a step, and meanwhile the scales of the one before, a panel after each sum.
-  template <typename Regs>
-  void sumTiles(const Step& step, size_t turn, const Step& last) {
-    for (size_t s = 0; s < step.count; ++s) {
-      sumTile<Regs>(step, s, work_.sums[turn][s]);
-      if (s < kPanels) applyScales(last, turn ^ 1, s);
-    }
-    for (size_t p = step.count; p < kPanels; ++p) applyScales(last, turn ^ 1, p);
+  static constexpr size_t kPanelBytes = kPanelCols / Type::kElements * Type::kBytes;
+
+  void advance() {
+    tile_ = 0;
+    row_ += kSide;
+    if (row_ < rowCount_) return;
+    row_ = 0;
+    column_ = column_ + kPanelCols < cols_ ? column_ + kPanelCols : 0;
   }
 
-  template <typename Regs>
-  void sumTile(const Step& step, size_t s, Sum& out) {
-    zeroTile<Regs::kSums>();
-    if constexpr (kPanels == 2) zeroTile<Regs::kSums + 1>();
-    for (size_t i = 0; i < tilesPerSum_; ++i) {
-      const size_t tile = (step.first + s) * Type::kTilesPerSum + i;
-      loadTile<kWeights>(work_.panels[0].tiles[tile], 64);
-      if constexpr (kPanels == 2) loadTile<kWeights + 1>(work_.panels[1].tiles[tile], 64);
-      for (size_t limb = 0; limb < (Type::kJoined ? 1 : 2); ++limb) {
-        const float* line = step.x + (Type::kJoined ? tile : 2 * tile + limb) * 16;
-        loadTile<Regs::kInputs>(line, xStride_ * sizeof(float));
-        multiplyTiles<Regs::kSums, Regs::kInputs, kWeights>();
-        if constexpr (kPanels == 2) {
-          multiplyTiles<Regs::kSums + 1, Regs::kInputs, kWeights + 1>();
-        }
-      }
-    }
-    storeTile<Regs::kSums>(out[0]);
-    if constexpr (kPanels == 2) storeTile<Regs::kSums + 1>(out[1]);
+  void openPanel() {
+    at_ = rows_ + row_ * rowBytes_ + column_ / kPanelCols * kPanelBytes;
+    stride_ = rowBytes_;
+    prefetchNext();
+    const size_t tiles = tilesAt(column_);
+    if (rowCount_ - row_ < kSide || cols_ - column_ < tiles * kTileCols) fillUp();
+    Type::open(Rows(at_, stride_), work_.panel);
   }
 
-  void applyScales(const Step& step, size_t turn, size_t p) {
-    const Sum* sums = work_.sums[turn];
-    if (step.count == kSumsAtOnce) {
-      applySums<kSumsAtOnce>(step, step.first, sums, p);
-    } else {
-      for (size_t s = 0; s < step.count; ++s) applySums<1>(step, step.first + s, sums + s, p);
+  // Zeros for what is missing of the rows and of their last tile.
+  void fillUp() {
+    const size_t left = cols_ - column_ < kPanelCols ? cols_ - column_ : kPanelCols;
+    const size_t bytes = left * Type::kBytes / Type::kElements;
+    const size_t count = rowCount_ - row_ < kSide ? rowCount_ - row_ : kSide;
+    __builtin_memset(work_.filled, 0, sizeof work_.filled);
+    for (size_t r = 0; r < count; ++r) {
+      __builtin_memcpy(work_.filled + r * kPanelBytes, at_ + r * rowBytes_, bytes);
     }
+    at_ = work_.filled;
+    stride_ = kPanelBytes;
   }
 
-  // acc[token] += kCount sums of one panel times their scales, less the minimums.
-  template <size_t kCount>
-  void applySums(const Step& step, size_t first, const Sum* sums, size_t p) {
-    const Panel<Type::kTiles>& panel = work_.panels[p];
-    __m512 scales[kCount];
-    __m512 minimums[kCount];
-    for (size_t s = 0; s < kCount; ++s) {
-      scales[s] = _mm512_load_ps(panel.scales[first + s]);
-      if constexpr (Type::kHasMinimums) minimums[s] = _mm512_load_ps(panel.minimums[first + s]);
-    }
-    float(*acc)[kSide] = acc_[p] + step.token;
-    const float* inputSums = step.x + kSumsAt + first;
-    for (size_t t = 0; t < step.tokens; ++t, inputSums += xStride_) {
-      __m512 total = _mm512_load_ps(acc[t]);
-      for (size_t s = 0; s < kCount; ++s) {
-        const __m512 sum = _mm512_load_ps(sums[s][p][t]);
-        total = Type::kScaled ? _mm512_fmadd_ps(sum, scales[s], total) : _mm512_add_ps(sum, total);
-        if constexpr (Type::kHasMinimums) {
-          total = _mm512_fmadd_ps(minimums[s], _mm512_set1_ps(inputSums[s]), total);
-        }
-      }
-      _mm512_store_ps(acc[t], total);
+  // Asks for the same rows' next panel of columns, or for the rows that come after these all.
+  void prefetchNext() const {
+    const bool isLast = column_ + kPanelCols >= cols_;
+    const uint8_t* next = isLast ? rows_ + (rowCount_ + row_) * rowBytes_ : at_ + kPanelBytes;
+    for (size_t r = 0; r < kSide; ++r, next += rowBytes_) {
+      for (size_t i = 0; i < kPanelBytes; i += 64) __builtin_prefetch(next + i, 0, 2);
     }
   }
 
   Work<Type>& work_;
-  float (*acc_)[kMaxBatch][kSide];
-  size_t xStride_;
-  size_t tilesPerSum_;
-  size_t sums_;
+  const uint8_t* rows_;
+  size_t rowBytes_;
+  size_t rowCount_;
+  size_t cols_;
+  size_t row_ = 0;
+  size_t column_ = 0;
+  size_t tile_ = 0;
+  const uint8_t* at_ = nullptr;  // of the panel's first row, stride_ bytes from row to row
+  size_t stride_ = 0;
 };
 
-// Up to sixteen rows of a panel, `bytes` of each; what is missing of rows and of their last tile
-// counts as zeros.
-template <typename Type>
-inline void decodePanel(const uint8_t* at, size_t rowBytes, size_t rowCount, size_t bytes,
-                        size_t tiles, uint8_t* filled, Panel<Type::kTiles>& out) {
-  constexpr size_t kBytes = kPanel / Type::kElements * Type::kBytes;
-  if (rowCount >= kSide && bytes == tiles * kBytes / Type::kTiles) {
-    return Type::decode(Rows(at, rowBytes), tiles, out);
+// The sums of a tile of tokens, and its inputs times the weights' tile, both limbs of them.
+template <int kSums, int kX>
+struct TokenTile {
+  static void load(float (*acc)[kSide]) { loadTile<kSums>(acc); }
+  static void store(float (*acc)[kSide]) { storeTile<kSums>(acc); }
+  template <bool kExact>
+  static void multiply(const float* x) {
+    loadTile<kX>(x);
+    multiplyTiles<kSums, kX, kHighWeights>();
+    if constexpr (!kExact) multiplyTiles<kSums, kX, kLowWeights>();
+    loadTile<kX>(x + kLimbs);
+    multiplyTiles<kSums, kX, kHighWeights>();
   }
-  __builtin_memset(filled, 0, kSide * kBytes);
-  for (size_t r = 0; r < rowCount && r < kSide; ++r) {
-    __builtin_memcpy(filled + r * kBytes, at + r * rowBytes, bytes);
-  }
-  Type::decode(Rows(filled, kBytes), tiles, out);
-}
+};
 
-// One panel of a group of up to kPanels times sixteen rows, `count` columns of them.
-template <typename Type, size_t kPanels>
-void addPanel(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t count, const float* x,
-              const Batch& batch, float (*acc)[kMaxBatch][kSide], Work<Type>& work) {
-  const size_t tiles = (count + 31) / 32 * (Type::kTiles / 8);
-  const size_t bytes = count * Type::kBytes / Type::kElements;
-  for (size_t p = 0; p < kPanels; ++p) {
-    decodePanel<Type>(rows + p * kSide * rowBytes, rowBytes, rowCount - p * kSide, bytes, tiles,
-                      work.filled, work.panels[p]);
-  }
-  PanelProduct<Type, kPanels>(work, batch.xStride, tiles, acc).run(x, batch.tokens);
-}
+// All tokens against sixteen rows.
+class TokenTiles {
+ public:
+  TokenTiles(size_t tokens, size_t xStride)
+      : full_(tokens / kSide), few_(tokens % kSide != 0), xStride_(kSide * xStride) {}
 
-inline void prefetchRows(const uint8_t* at, size_t rowBytes, size_t bytes) {
-  for (size_t r = 0; r < kGroupRows; ++r, at += rowBytes) {
-    for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, 2);
+  void load(float (*acc)[kSide]) const {
+    forEach([=](auto tile, size_t t) { tile.load(acc + t * kSide); }, [](size_t) {});
   }
-}
+  void store(float (*acc)[kSide]) const {
+    forEach([=](auto tile, size_t t) { tile.store(acc + t * kSide); }, [](size_t) {});
+  }
+
+  // Multiplies with a tile of weights and calls meanwhile(0) to meanwhile(3), a quarter each of the
+  // work that the vector units do while the tile unit has its own.
+  template <bool kExact, typename Meanwhile>
+  void multiply(const float* x, const WeightTile& weights, const Meanwhile& meanwhile) const {
+    loadTile<kHighWeights>(weights.high);
+    if constexpr (!kExact) loadTile<kLowWeights>(weights.low);
+    forEach([&](auto tile, size_t t) { tile.template multiply<kExact>(x + t * xStride_); },
+            meanwhile);
+  }
+
+ private:
+  template <typename Call, typename Meanwhile>
+  [[gnu::always_inline]] void forEach(const Call& call, const Meanwhile& meanwhile) const {
+    if (full_ > 0) call(TokenTile<0, kInputs>(), 0);
+    meanwhile(0);
+    if (full_ > 1) call(TokenTile<1, kInputs>(), 1);
+    meanwhile(1);
+    if (full_ > 2) call(TokenTile<2, kInputs>(), 2);
+    meanwhile(2);
+    if (few_) {
+      call(TokenTile<kLastSums, kFewInputs>(), full_);
+    } else if (full_ > kLastSums) {
+      call(TokenTile<kLastSums, kInputs>(), kLastSums);
+    }
+    meanwhile(3);
+  }
+
+  size_t full_;
+  bool few_;
+  size_t xStride_;
+};
 
 // acc += rows . x for up to kRowsAtOnce rows.
 template <typename Type>
 void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                   const Batch& batch, Work<Type>& work) {
-  constexpr size_t kPanelBytes = kPanel / Type::kElements * Type::kBytes;
-  for (size_t chunk = 0; chunk < cols; chunk += kChunk) {
-    const size_t end = cols - chunk < kChunk ? cols : chunk + kChunk;
-    for (size_t r = 0; r < rowCount; r += kGroupRows) {
-      const bool isLast = r + kGroupRows >= rowCount;
-      const uint8_t* group = rows + r * rowBytes + chunk / kPanel * kPanelBytes;
-      const uint8_t* next =
-          isLast ? rows + end / kPanel * kPanelBytes : group + kGroupRows * rowBytes;
-      for (size_t first = chunk; first < end; first += kPanel) {
-        const size_t count = cols - first < kPanel ? cols - first : kPanel;
-        const float* x = batch.x + first / kPanel * kArrangedBlock;
-        prefetchRows(next, rowBytes, kPanelBytes);
-        if (rowCount - r > kSide) {
-          addPanel<Type, 2>(group, rowBytes, rowCount - r, count, x, batch, work.acc + r / kSide,
-                            work);
-        } else {
-          addPanel<Type, 1>(group, rowBytes, rowCount - r, count, x, batch, work.acc + r / kSide,
-                            work);
-        }
-        group += kPanelBytes;
-        next += kPanelBytes;
+  const TokenTiles tokens(batch.tokens, batch.xStride);
+  TileSequence<Type> sequence(rows, rowBytes, rowCount, cols, work);
+  size_t turn = 0;
+  const TileMaker<Type> first = sequence.next();
+  for (size_t q = 0; q < 4; ++q) first.quarter(q, work.tiles[turn]);
+  const float* x = batch.x;
+  for (size_t column = 0; column < cols; column += kPanelCols) {
+    const size_t tiles = sequence.tilesAt(column);
+    for (size_t r = 0; r < rowCount; r += kSide) {
+      tokens.load(work.acc[r / kSide]);
+      for (size_t i = 0; i < tiles; ++i, turn ^= 1) {
+        const TileMaker<Type> maker = sequence.next();
+        tokens.multiply<kIsExact<Type>>(x + i * kInputTile, work.tiles[turn],
+                                        [&](size_t q) { maker.quarter(q, work.tiles[turn ^ 1]); });
       }
+      tokens.store(work.acc[r / kSide]);
     }
+    x += tiles * kInputTile;
   }
 }
 
 template <typename Type>
 void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
   static_assert(sizeof(Work<Type>) <= kBatchScratch * sizeof(float));
-  const TileScope tiles(batch.tokens);
+  const TileScope scope(batch.tokens);
   auto& work = *reinterpret_cast<Work<Type>*>(batch.scratch);
   for (size_t first = 0; first < rowCount; first += kRowsAtOnce) {
     const size_t count = rowCount - first < kRowsAtOnce ? rowCount - first : kRowsAtOnce;

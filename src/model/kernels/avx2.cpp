@@ -464,8 +464,6 @@ const KernelTable kAvx2Kernels = {
              BatchedProduct<KProducts<Q5k>>::gemm, BatchedProduct<KProducts<Q6k>>::gemm, nullptr},
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
-    .arrangeBatch = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
-                     KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

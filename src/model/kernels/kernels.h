@@ -11,7 +11,7 @@
 //
 // Tier files are built with -m flags and include nothing but <cstddef>, <cstdint>, the intrinsics
 // header, this one, those of products (products.h, plain_products.h, k_products.h) and
-// tile_panels.h, so that no inline function compiled with wide instructions can replace the
+// tile_weights.h, so that no inline function compiled with wide instructions can replace the
 // baseline copy of the program.
 #pragma once
 
@@ -27,6 +27,13 @@ using ArrangeKernel = void (*)(const float* x, size_t cols, float* out);
 
 inline constexpr size_t kArrangedBlock = 256 + 16;
 
+// The same for a token of a batch, whose tokens have `stride` floats each from `out` on. A kernel
+// may mingle kTokenGroup tokens: `out` has room for whole groups.
+using ArrangeBatchKernel = void (*)(const float* x, size_t cols, size_t token, float* out,
+                                    size_t stride);
+
+inline constexpr size_t kTokenGroup = 16;
+
 // y[r] += (row r) . x for r < rowCount; row r starts rowBytes * r bytes after `rows`, any
 // alignment. x is in the arranged form where the table has an arrange kernel for the type, else as
 // it comes. cols is a multiple of the type's block, except in the scalar tier, which takes any.
@@ -35,7 +42,7 @@ using GemvKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCoun
 
 // The inputs and results of a product over several tokens.
 struct Batch {
-  const float* x;  // token t at x + t * xStride, in the form that GemvKernel takes
+  const float* x;  // token t at x + t * xStride, as GemvKernel takes it; or as arrangeBatch says
   size_t xStride;
   float* y;  // token t at y + t * yStride, one float a row; added to
   size_t yStride;
@@ -85,10 +92,10 @@ struct KernelTable {
   // By kiv::QuantType; null for the types that no matrix may have.
   GemvKernel gemv[9];
   GemmKernel gemm[9];
-  // The forms that the inputs of gemv and gemm have; null as well for types whose kernels take
-  // inputs as they come.
+  // The form of the inputs; null as well for types whose kernels take inputs as they come.
   ArrangeKernel arrange[9];
-  ArrangeKernel arrangeBatch[9];
+  // The form that gemm's inputs have instead, where there is one.
+  ArrangeBatchKernel arrangeBatch[9];
 
   float (*dot)(const float* a, const float* b, size_t n);
 
