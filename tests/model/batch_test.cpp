@@ -195,7 +195,7 @@ TEST_P(ForwardBatchTest, EverySplitOfAPromptGivesTheSameBits) {
   }
 }
 
-TEST_P(ForwardBatchTest, ABatchHasTheBitsOfSingleTokensOrWithTilesIsCloseToThem) {
+TEST_P(ForwardBatchTest, ABatchHasTheBitsOfSingleTokensOrIsCloseToThem) {
   SmallModel small(mixedOptions(), &kernels());
   const std::vector<int32_t> prompt = somePrompt(small.model, 5);
   const Outcome expected = feedSingly(small.model, prompt);

@@ -29,17 +29,19 @@ inline std::string tierName(const testing::TestParamInfo<const qwen35::KernelTab
 // The kernels of one token and those of batches, whose inputs may have forms of their own.
 enum class Kernels { OneToken, Batch };
 
+inline bool arrangesInputs(const qwen35::KernelTable& tier, kiv::QuantType type) {
+  const auto index = static_cast<size_t>(type);
+  return tier.arrange[index] != nullptr || tier.arrangeBatch[index] != nullptr;
+}
+
 // The kernels that products of a batch must have the bits of.
 inline Kernels batchReference(const qwen35::KernelTable& tier, kiv::QuantType type) {
-  const bool ownForm = tier.arrangeBatch[static_cast<size_t>(type)] != nullptr;
-  return ownForm ? Kernels::Batch : Kernels::OneToken;
+  return arrangesInputs(tier, type) ? Kernels::Batch : Kernels::OneToken;
 }
 
 // Floats of one token's inputs: in arranged form where the tier has one, else as they come.
 inline size_t arrangedWidth(const qwen35::KernelTable& tier, kiv::QuantType type, size_t cols) {
-  const auto index = static_cast<size_t>(type);
-  const bool arranges = tier.arrange[index] != nullptr || tier.arrangeBatch[index] != nullptr;
-  return arranges ? (cols + 255) / 256 * qwen35::kArrangedBlock : cols;
+  return arrangesInputs(tier, type) ? (cols + 255) / 256 * qwen35::kArrangedBlock : cols;
 }
 
 // Puts the inputs of one token of a batch where gemm, or those of the only one where gemv reads

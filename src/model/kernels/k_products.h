@@ -8,9 +8,8 @@
 //
 //   row . x = sum over blocks of  sum over groups of  scales . (codes . x)  -  minimums . sums
 //
-// where the sums are those of each sub-block's inputs. Every (row, token) pair has one accumulator
-// that takes these terms in order, in products of one token and of a batch alike, so that the bits
-// are the same.
+// where the sums are those of each sub-block's inputs. In batches the codes are multiplied with
+// their scales as they are decoded, once for all tokens.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
@@ -98,50 +97,34 @@ struct KProducts {
     }
   }
 
-  // A decoded block: its offsets, then group by group the scale and the codes.
+  // A decoded block: its weights but for their minimums, then these, which multiply the sums.
   static constexpr size_t kLine = kBatchRows * kWidth;
-  static constexpr size_t kBlockLines = kOffsets + Block::kGroups * (1 + kPerGroup);
+  static constexpr size_t kBlockLines = kRegisters + kOffsets;
   static constexpr size_t kDecodedLines = kBatchCols / kElements * kBlockLines;
 
   static constexpr size_t inputAt(size_t column) { return column / kElements * kArrangedBlock; }
 
-  static void decode(const uint8_t* rows, size_t rowBytes, size_t first, size_t count, float* out) {
-    for (size_t r = 0; r < kBatchRows; ++r) {
-      const uint8_t* block = rows + r * rowBytes + first / kElements * Block::kBytes;
-      float* at = out + r * kWidth;
-      for (size_t left = count; left >= kElements; left -= kElements, block += Block::kBytes) {
-        decodeBlock(block, at);
-        at += kBlockLines * kLine;
-      }
+  static size_t byteAt(size_t column) { return column / kElements * Block::kBytes; }
+
+  static void decode(const uint8_t* block, size_t count, float* out) {
+    for (; count >= kElements; count -= kElements, block += Block::kBytes) {
+      decodeBlock(block, out);
+      out += kBlockLines * kLine;
     }
   }
 
-  // The registers hold the sums of a group, which then go to the accumulators in memory.
   template <size_t kTokens>
   static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
                            float* acc) {
+    Tile<Vector, kTokens> tile;
+    tile.load(acc);
     for (; count >= kElements; count -= kElements, x += kArrangedBlock) {
-      const float* offsets = weights;
-      weights += kOffsets * kLine;
-      for (size_t g = 0; g < Block::kGroups; ++g) {
-        const float* scales = weights;
-        const float* input = x + g * kPerGroup * kWidth;
-        weights += kLine;
-        Tile<Vector, kTokens> tile;
-        tile.prefetchNext(input, xStride);
-        tile.template add<true>(weights, input, xStride);
-        for (size_t i = 1; i < kPerGroup; ++i) {
-          tile.prefetchNext(input + i * kWidth, xStride);
-          tile.template add<false>(weights + i * kLine, input + i * kWidth, xStride);
-        }
-        weights += kPerGroup * kLine;
-        if (g == 0) {
-          tile.template addScaledTo<kOffsets>(acc, scales, offsets, x + kElements, xStride);
-        } else {
-          tile.template addScaledTo<0>(acc, scales, offsets, x, xStride);
-        }
+      for (size_t i = 0; i < kBlockLines; ++i, weights += kLine) {
+        tile.prefetchNext(x + i * kWidth, xStride);
+        tile.add(weights, x + i * kWidth, xStride);
       }
     }
+    tile.store(acc);
   }
 
  private:
@@ -255,18 +238,17 @@ struct KProducts {
 
   static void decodeBlock(const uint8_t* bytes, float* out) {
     const Block block(bytes);
+#pragma GCC unroll 8
+    for (size_t g = 0; g < Block::kGroups; ++g) {
+      const Float scale = block.scale(g);
+#pragma GCC unroll 8
+      for (size_t i = 0; i < kPerGroup; ++i, out += kLine) {
+        Vector::store(out, Vector::mul(block.codes(g * kPerGroup + i), scale));
+      }
+    }
     if constexpr (kOffsets != 0) {
 #pragma GCC unroll 2
       for (size_t i = 0; i < kOffsets; ++i, out += kLine) Vector::store(out, block.minimums(i));
-    }
-#pragma GCC unroll 8
-    for (size_t g = 0; g < Block::kGroups; ++g) {
-      Vector::store(out, block.scale(g));
-      out += kLine;
-#pragma GCC unroll 8
-      for (size_t i = 0; i < kPerGroup; ++i, out += kLine) {
-        Vector::store(out, block.codes(g * kPerGroup + i));
-      }
     }
   }
 };

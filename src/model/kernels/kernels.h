@@ -52,12 +52,13 @@ struct Batch {
 
 inline constexpr size_t kMaxBatch = 64;
 inline constexpr size_t kBatchRows = 8;    // rows that a batched product decodes together
-inline constexpr size_t kBatchCols = 512;  // elements of each that stay in the nearest cache
+inline constexpr size_t kBatchCols = 256;  // elements of each that stay in the nearest cache
 // Decoded weights and accumulators for every token, of whichever tier needs most.
-inline constexpr size_t kBatchScratch = 24 * 1024;
+inline constexpr size_t kBatchScratch = 72 * 1024;
 
 // As GemvKernel for every token of the batch. What comes of a token has the same bits whatever the
-// other tokens and their number; on all tiers but "amx" they are those of GemvKernel.
+// other tokens and their number. They are those of GemvKernel where both take their inputs as they
+// come; else the two differ by rounding.
 using GemmKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                             const Batch& batch);
 

@@ -76,20 +76,17 @@ struct PlainProducts {
 
   static constexpr size_t inputAt(size_t column) { return column; }
 
-  static void decode(const uint8_t* rows, size_t rowBytes, size_t first, size_t count, float* out) {
-    for (size_t r = 0; r < kBatchRows; ++r) {
-      const uint8_t* block = rows + r * rowBytes + first / Decoder::kElements * Decoder::kBytes;
-      float* at = out + r * kWidth;
-      size_t left = count;
-      for (; left >= Decoder::kElements; left -= Decoder::kElements, block += Decoder::kBytes) {
-        Decoder{block}.decode([&](size_t i, Float w) { Vector::store(at + kLine * i, w); });
-        at += Decoder::kElements / kWidth * kLine;
-      }
-      if constexpr (HasTail<Decoder>) {
-        if (left == 0) continue;
-        const Tail tail(block, left * Decoder::kElementBytes);
-        Decoder{tail.bytes}.decode([&](size_t, Float w) { Vector::store(at, w); });
-      }
+  static size_t byteAt(size_t column) { return column / Decoder::kElements * Decoder::kBytes; }
+
+  static void decode(const uint8_t* block, size_t count, float* out) {
+    for (; count >= Decoder::kElements; count -= Decoder::kElements, block += Decoder::kBytes) {
+      Decoder{block}.decode([&](size_t i, Float w) { Vector::store(out + kLine * i, w); });
+      out += Decoder::kElements / kWidth * kLine;
+    }
+    if constexpr (HasTail<Decoder>) {
+      if (count == 0) return;
+      const Tail tail(block, count * Decoder::kElementBytes);
+      Decoder{tail.bytes}.decode([&](size_t, Float w) { Vector::store(out, w); });
     }
   }
 
@@ -100,7 +97,7 @@ struct PlainProducts {
     tile.load(acc);
     for (; count >= kWidth; count -= kWidth, x += kWidth, weights += kLine) {
       tile.prefetchNext(x, xStride);
-      tile.template add<false>(weights, x, xStride);
+      tile.add(weights, x, xStride);
     }
     if constexpr (HasTail<Decoder>) {
       if (count != 0) {
@@ -108,7 +105,7 @@ struct PlainProducts {
         for (size_t t = 0; t < kTokens; ++t) {
           __builtin_memcpy(inputs[t], x + t * xStride, count * sizeof(float));
         }
-        tile.template add<false>(weights, inputs[0], kWidth);
+        tile.add(weights, inputs[0], kWidth);
       }
     }
     tile.store(acc);

@@ -2,8 +2,8 @@
 // through the rows, the columns and the caches.
 //
 // kBatchRows rows are decoded a chunk of columns at a time, and a tile of a few rows and tokens has
-// its sums in registers. Every (row, token) pair has one accumulator in memory that takes these
-// sums in the order of the columns, as a product of one token does, so that the bits are the same.
+// its sums in registers. Every (row, token) pair has one accumulator, which takes the columns in
+// their order, so that its bits do not depend on the other rows and tokens.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
@@ -23,13 +23,13 @@
 //     using Vector = ...;
 //     static constexpr size_t kDecodedLines;  // at most, in a chunk: registers of every row
 //     static constexpr size_t inputAt(size_t column);
-//     static void decode(const uint8_t* rows, size_t rowBytes, size_t first, size_t count,
-//                        float* out);       // as [line][row][lane]
+//     static size_t byteAt(size_t column);  // where its block begins in a row
+//     static void decode(const uint8_t* blocks, size_t count,
+//                        float* out);       // as [line][row][lane], one of the rows
 //     // Tile of the decoded weights times inputs, into accumulators [token][row][lane].
 //     template <size_t kTokens>
 //     static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
 //                              float* acc);
-//     static void gemv(...);
 //   };
 #pragma once
 
@@ -66,8 +66,7 @@ struct Tile {
     for (size_t t = kTokens; t < 2 * kTokens; ++t) __builtin_prefetch(x + t * xStride);
   }
 
-  // Takes the products with one register of inputs of every token: as its sums, or added to them.
-  template <bool kFirst>
+  // Adds the products with one register of inputs of every token.
   [[gnu::always_inline]] void add(const float* weights, const float* x, size_t xStride) {
     Float inputs[kTokens];
 #pragma GCC unroll 8
@@ -77,33 +76,7 @@ struct Tile {
       Float w = Vector::loadAligned(weights + r * Vector::kWidth);
       Vector::keep(w);
 #pragma GCC unroll 8
-      for (size_t t = 0; t < kTokens; ++t) {
-        sums[t][r] = kFirst ? Vector::mul(w, inputs[t]) : Vector::fma(w, inputs[t], sums[t][r]);
-      }
-    }
-  }
-
-  // Adds to accumulators [token][row][lane] kOffsets registers of inputs times offsets, then the
-  // sums times a scale, both of every row.
-  template <size_t kOffsets>
-  [[gnu::always_inline]] void addScaledTo(float* acc, const float* scales, const float* offsets,
-                                          const float* x, size_t xStride) const {
-    // GCC would keep copies of what it stores here on the stack.
-    __asm__("" : "+r"(acc));
-#pragma GCC unroll 8
-    for (size_t r = 0; r < kRows; ++r) {
-      Float scale = Vector::loadAligned(scales + r * Vector::kWidth);
-      Vector::keep(scale);
-#pragma GCC unroll 8
-      for (size_t t = 0; t < kTokens; ++t) {
-        Float total = Vector::loadAligned(acc + offset(t, r));
-#pragma GCC unroll 2
-        for (size_t i = 0; i < kOffsets; ++i) {
-          total = Vector::fma(Vector::loadAligned(offsets + (i * kBatchRows + r) * Vector::kWidth),
-                              Vector::load(x + t * xStride + i * Vector::kWidth), total);
-        }
-        Vector::store(acc + offset(t, r), Vector::fma(sums[t][r], scale, total));
-      }
+      for (size_t t = 0; t < kTokens; ++t) sums[t][r] = Vector::fma(w, inputs[t], sums[t][r]);
     }
   }
 
@@ -134,16 +107,9 @@ class BatchedProduct {
  public:
   static void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                    const Batch& batch) {
-    size_t r = 0;
-    while (rowCount - r >= kBatchRows) {
-      const size_t left = (rowCount - r) / kBatchRows * kBatchRows;
-      const size_t count = left < kRowsAtOnce ? left : kRowsAtOnce;
+    for (size_t r = 0; r < rowCount; r += kRowsAtOnce) {
+      const size_t count = rowCount - r < kRowsAtOnce ? rowCount - r : kRowsAtOnce;
       multiplyRows(rows + r * rowBytes, rowBytes, count, cols, batch, batch.y + r);
-      r += count;
-    }
-    for (size_t t = 0; t < batch.tokens; ++t) {
-      Weights::gemv(rows + r * rowBytes, rowBytes, rowCount - r, cols, batch.x + t * batch.xStride,
-                    batch.y + t * batch.yStride + r);
     }
   }
 
@@ -152,7 +118,7 @@ class BatchedProduct {
 
   // They share a chunk of the inputs while it is in a near cache. More would drive their own
   // accumulators out of it.
-  static constexpr size_t kRowsAtOnce = 2 * kBatchRows;
+  static constexpr size_t kRowsAtOnce = 8 * kBatchRows;
   static_assert(kBatchRows == 8);  // of Vector::addTotals
   static constexpr size_t kLine = kBatchRows * Vector::kWidth;
   static_assert(Weights::kDecodedLines * kLine + kRowsAtOnce * kMaxBatch * Vector::kWidth <=
@@ -162,20 +128,35 @@ class BatchedProduct {
                            const Batch& batch, float* y) {
     float* weights = batch.scratch;
     float* acc = weights + Weights::kDecodedLines * kLine;
-    __builtin_memset(acc, 0, rowCount * batch.tokens * Vector::kWidth * sizeof(float));
+    __builtin_memset(acc, 0, kRowsAtOnce * batch.tokens * Vector::kWidth * sizeof(float));
     for (size_t first = 0; first < cols; first += kBatchCols) {
       const size_t count = cols - first < kBatchCols ? cols - first : kBatchCols;
+      const size_t next =
+          first + kBatchCols < cols ? Weights::byteAt(first + kBatchCols) : kRowsAtOnce * rowBytes;
       for (size_t r = 0; r < rowCount; r += kBatchRows) {
-        Weights::decode(rows + r * rowBytes, rowBytes, first, count, weights);
+        for (size_t i = r; i < r + kBatchRows && i < rowCount; ++i) {
+          const uint8_t* row = rows + i * rowBytes;
+          prefetch<2>(row + next, Weights::byteAt(kBatchCols));
+          Weights::decode(row + Weights::byteAt(first), count, weights + (i - r) * Vector::kWidth);
+        }
         multiplyTokens(weights, count, batch.x + Weights::inputAt(first), batch,
                        acc + r * batch.tokens * Vector::kWidth);
       }
     }
     for (size_t r = 0; r < rowCount; r += kBatchRows) {
       for (size_t t = 0; t < batch.tokens; ++t, acc += kLine) {
-        Vector::addTotals(acc, y + t * batch.yStride + r);
+        addTotals(acc, rowCount - r, y + t * batch.yStride + r);
       }
     }
+  }
+
+  // Of kBatchRows rows or the last few, whose number is not theirs: what was decoded of no row
+  // counts for nothing.
+  static void addTotals(const float* acc, size_t rowCount, float* y) {
+    if (rowCount >= kBatchRows) return Vector::addTotals(acc, y);
+    float sums[kBatchRows] = {};
+    Vector::addTotals(acc, sums);
+    for (size_t r = 0; r < rowCount; ++r) y[r] += sums[r];
   }
 
   static void multiplyTokens(const float* weights, size_t count, const float* x, const Batch& batch,

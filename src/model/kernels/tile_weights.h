@@ -18,10 +18,10 @@
 namespace qwen35 {
 namespace {
 
-constexpr size_t kSide = 16;         // tokens, rows and lines of a tile
-constexpr size_t kTileCols = 32;     // columns of a tile
-constexpr size_t kPanelTiles = 8;    // of sixteen rows whose scales are decoded together
-constexpr size_t kQuads = 8;         // registers of four columns for sixteen rows that make a tile
+constexpr size_t kSide = 16;       // tokens, rows and lines of a tile
+constexpr size_t kTileCols = 32;   // columns of a tile
+constexpr size_t kPanelTiles = 8;  // of sixteen rows whose scales are decoded together
+constexpr size_t kQuads = 8;       // registers of four columns for sixteen rows that make a tile
 constexpr size_t kPanelCols = kPanelTiles * kTileCols;
 
 using Tile = uint32_t[kSide][kSide];  // [line][row]: pairs of bf16
@@ -324,8 +324,8 @@ inline void storePair(WeightTile& out, size_t line, __m512 even, __m512 odd) {
   const __m512i evenHigh = roundUpper(even);
   const __m512i oddHigh = roundUpper(odd);
   _mm512_store_si512(out.high[line], upperHalves(evenHigh, oddHigh));
-  _mm512_store_si512(out.low[line], upperHalves(roundUpper(rest(even, evenHigh)),
-                                                roundUpper(rest(odd, oddHigh))));
+  _mm512_store_si512(out.low[line],
+                     upperHalves(roundUpper(rest(even, evenHigh)), roundUpper(rest(odd, oddHigh))));
 }
 
 // Makes a tile, a quarter at a time: between them the tile unit gets its orders.
