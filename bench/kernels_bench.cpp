@@ -6,7 +6,6 @@
 #include <omp.h>
 
 #include <cstring>
-#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -88,36 +87,36 @@ qwen35::ZeroedArray inputs(size_t tokens) {
   return x;
 }
 
-double pureRead(int threads) {
-  static std::map<int, double> speeds;
-  double& speed = speeds[threads];
-  if (speed == 0)
-    speed = orb::measureReadSpeed(weightsOf(QuantType::Q4_K).data(), kBytes, threads, 5);
-  return speed;
+// Runs a benchmark between two passes of its yardstick, whose mean it returns: the speed of a
+// shared machine changes from second to second.
+template <typename Probe, typename Body>
+double runBetween(benchmark::State& state, const Probe& probe, const Body& body) {
+  const double before = probe();
+  for (auto _ : state) {
+    body();
+    benchmark::ClobberMemory();
+  }
+  return (before + probe()) / 2;
+}
+
+// `amount` of something an iteration, also as share of the yardstick's speed.
+void count(benchmark::State& state, const char* speed, const char* share, double amount,
+           double yardstick) {
+  using benchmark::Counter;
+  state.counters[speed] = Counter(amount, Counter::kIsIterationInvariantRate);
+  state.counters[share] = Counter(amount / yardstick, Counter::kIsIterationInvariantRate);
 }
 
 void readWeights(benchmark::State& state, const KernelTable& tier, QuantType type, int threads) {
-  const double probe = pureRead(threads);
   const Weights& weights = weightsOf(type);
   const qwen35::ZeroedArray x = inputs(1);
   const size_t rows = weights.rows(kBytes);
   std::vector<float> y(rows);
   omp_set_num_threads(threads);
-  for (auto _ : state) {
-    qwen35::addProduct(tier, type, weights.data(), rows, kCols, x.data(), y.data());
-    benchmark::ClobberMemory();
-  }
-  const auto bytes = static_cast<double>(rows * weights.rowBytes());
-  using benchmark::Counter;
-  state.counters["B/s"] = Counter(bytes, Counter::kIsIterationInvariantRate);
-  state.counters["of_read"] = Counter(bytes / probe, Counter::kIsIterationInvariantRate);
-}
-
-double multiplySpeed(const KernelTable& tier, int threads) {
-  static std::map<std::pair<const KernelTable*, int>, double> speeds;
-  double& speed = speeds[{&tier, threads}];
-  if (speed == 0) speed = orb::measureMultiplySpeed(tier.name, threads);
-  return speed;
+  const double probe = runBetween(
+      state, [&] { return orb::measureReadSpeed(weights.data(), kBytes, threads, 3); },
+      [&] { qwen35::addProduct(tier, type, weights.data(), rows, kCols, x.data(), y.data()); });
+  count(state, "B/s", "of_read", static_cast<double>(rows * weights.rowBytes()), probe);
 }
 
 // The inputs of a batch in the form that a tier's products of a type take.
@@ -145,7 +144,6 @@ struct BatchInputs {
 };
 
 void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType type, int threads) {
-  const double probe = multiplySpeed(tier, threads);
   const Weights& weights = weightsOf(type);
   const BatchInputs batch(tier, type);
   const size_t rows = weights.rows(kBatchBytes);
@@ -153,25 +151,24 @@ void multiplyBatch(benchmark::State& state, const KernelTable& tier, QuantType t
   qwen35::ZeroedArray scratch;
   scratch.resize(qwen35::kBatchScratch * static_cast<size_t>(threads));
   const auto multiply = tier.gemm[static_cast<size_t>(type)];
-  for (auto _ : state) {
+  const auto firstRow = [&](size_t thread) {
+    return rows * thread / static_cast<size_t>(threads) / kRowStep * kRowStep;
+  };
+  const auto product = [&] {
 #pragma omp parallel num_threads(threads)
     {
       const auto self = static_cast<size_t>(omp_get_thread_num());
-      const auto firstRow = [&](size_t thread) {
-        return rows * thread / static_cast<size_t>(threads) / kRowStep * kRowStep;
-      };
       const size_t first = firstRow(self);
       const size_t last = self + 1 == static_cast<size_t>(threads) ? rows : firstRow(self + 1);
       multiply(weights.data() + first * weights.rowBytes(), weights.rowBytes(), last - first, kCols,
                {batch.x.data(), batch.width, y.data() + first, rows, qwen35::kMaxBatch,
                 scratch.data() + self * qwen35::kBatchScratch});
     }
-    benchmark::ClobberMemory();
-  }
-  const auto operations = static_cast<double>(2 * rows * kCols * qwen35::kMaxBatch);
-  using benchmark::Counter;
-  state.counters["FLOP/s"] = Counter(operations, Counter::kIsIterationInvariantRate);
-  state.counters["of_multiply"] = Counter(operations / probe, Counter::kIsIterationInvariantRate);
+  };
+  const double probe = runBetween(
+      state, [&] { return orb::measureMultiplySpeed(tier.name, threads); }, product);
+  count(state, "FLOP/s", "of_multiply", static_cast<double>(2 * rows * kCols * qwen35::kMaxBatch),
+        probe);
 }
 
 using Measurement = void (*)(benchmark::State& state, const KernelTable& tier, QuantType type,

@@ -30,6 +30,8 @@ template <size_t kWidth>
   const Floats a = Floats{} + factor;
   const Floats b = Floats{} + factor;
   Floats sums[kSums] = {};
+  // The compiler would make one sum of all that are equal.
+  for (Floats& sum : sums) __asm__("" : "+x"(sum));
   for (size_t round = 0; round < kRounds; ++round) {
 #pragma GCC unroll 12
     for (size_t s = 0; s < kSums; ++s) sums[s] = sums[s] * a + b;

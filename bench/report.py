@@ -9,6 +9,7 @@ import json
 import math
 import os
 import re
+import statistics
 import sys
 
 BEGIN, END = "<!-- measured -->", "<!-- end of measured -->"
@@ -156,13 +157,12 @@ def kernel_report(folder, plots):
                 rows.append(row)
             probes = []
             for tier in tiers:
-                run = next((r for k, r in results.items() if (k[0], *k[2:]) == (kind, tier, threads)),
-                           None)
-                if run:
-                    probes.append(f"{tier} {digits(run[speed] / run[share] / 1e9)}")
-            yardstick = probes[0].split()[1] if kind == "one_token" else ", ".join(probes)
+                found = [run[speed] / run[share] / 1e9 for key, run in results.items()
+                         if (key[0], *key[2:]) == (kind, tier, threads)]
+                if found:
+                    probes.append(f"{tier} {digits(statistics.median(found))}")
             text += (f"\n{title}, {threads} thread{'s' * (threads > 1)}; {unit} "
-                     f"(that probe: {yardstick}):\n\n")
+                     f"(median of that probe: {', '.join(probes)}):\n\n")
             text += table([""] + [cell for tier in tiers for cell in (tier, "")], rows)
         panel = Plot(title, len(panels), 1.0)
         panel.grid([0, 0.25, 0.5, 0.75, 1], percent)

@@ -123,12 +123,22 @@ void cancelledAfterAnyChunk(Test& test) {
   }
 }
 
+// Whether there is room for them without a cancel.
+bool holdsTwoTurns(Test& test) {
+  Handle handle(test);
+  return handle.ok() && handle.chat(kText).code == ORB_OK && handle.chat("Go on").code == ORB_OK;
+}
+
 void aCancelledConversationGoesOn(Test& test) {
   Handle handle(test);
   if (!handle.ok()) return;
   handle.stream(kText, {1});
   const int64_t tokens = context(handle);
-  test.expectEqual("result of the next turn", handle.chat("Go on").code, ORB_OK);
+  const int code = handle.chat("Go on").code;
+  if (code != ORB_OK && !holdsTwoTurns(test)) {
+    return test.skip("needs a context that holds two turns");
+  }
+  test.expectEqual("result of the next turn", code, ORB_OK);
   test.expect(context(handle) > tokens, "context: expected the cancelled turn to stay in it");
 }
 
