@@ -103,8 +103,9 @@ inline __m512i moveBits(__m512i lanes, size_t from, size_t to) {
   return _mm512_rorv_epi32(lanes, _mm512_set1_epi32(static_cast<int>((from - to) % 32)));
 }
 
-// Types. A source holds what a tile is made of; `quad` i of it is columns 4i to 4i + 3 as codes,
-// whose weights are affine( i / 4 ).
+// Types. An object of one holds what a tile is made of. Its quad i is columns 4i to 4i + 3 of
+// sixteen rows as codes, four to a lane, whose weights are those of affine(i / 4). Where the low
+// limbs are all zero there is pair(line) instead, a line of high limbs as it stands in the tile.
 //
 //   struct Type {
 //     static constexpr size_t kElements, kBytes;    // of a block in the file
@@ -298,8 +299,9 @@ struct Bf16 {
   __m512i pairs_[kSide];
 };
 
+// Whether the low limbs are all zero.
 template <typename Type>
-constexpr bool kIsExact = false;  // the low limbs are all zero
+constexpr bool kIsExact = false;
 template <>
 constexpr bool kIsExact<Bf16> = true;
 
