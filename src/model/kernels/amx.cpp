@@ -114,10 +114,10 @@ constexpr size_t kRowsAtOnce = 128;
 
 // What a product works on.
 template <typename Type>
-struct alignas(64) Work {
+struct Work {
   WeightTile tiles[2];  // one is multiplied with while the other is made
   typename Type::Panel panel;
-  float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];  // [sixteen rows][token][row]
+  alignas(64) float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];  // [sixteen rows][token][row]
   uint8_t filled[kSide * kPanelCols / Type::kElements * Type::kBytes];  // rows made up to sixteen
 };
 
