@@ -255,17 +255,19 @@ struct Q6k {
   __m512i high_[4];
 };
 
-constexpr size_t inOrder(size_t tile, size_t h) { return tile * kTileCols + h * kSide; }
-
-// A block is a tile.
-struct Q80 {
+// Columns in order, and tiles that share nothing.
+struct InOrder {
   static constexpr size_t kElements = 32;
-  static constexpr size_t kBytes = 34;
 
-  static constexpr size_t half(size_t tile, size_t h) { return inOrder(tile, h); }
+  static constexpr size_t half(size_t tile, size_t h) { return tile * kTileCols + h * kSide; }
 
   struct Panel {};
   static void open(const Rows&, Panel&) {}
+};
+
+// A block is a tile.
+struct Q80 : InOrder {
+  static constexpr size_t kBytes = 34;
 
   Q80(const Rows& rows, const Panel&, size_t tile) : scale_(rows.halves(kBytes * tile)) {
     rows.columns(kBytes * tile + 2, codes_);
@@ -281,14 +283,8 @@ struct Q80 {
 };
 
 // One limb, pair by pair as they lie.
-struct Bf16 {
-  static constexpr size_t kElements = 32;
+struct Bf16 : InOrder {
   static constexpr size_t kBytes = 64;
-
-  static constexpr size_t half(size_t tile, size_t h) { return inOrder(tile, h); }
-
-  struct Panel {};
-  static void open(const Rows&, Panel&) {}
 
   Bf16(const Rows& rows, const Panel&, size_t tile) {
     for (size_t c = 0; c < 4; ++c) rows.columns(kBytes * tile + 16 * c, pairs_ + 4 * c);
