@@ -9,7 +9,7 @@ set -euo pipefail
 packages=(g++ cmake ninja-build pkg-config libcli11-dev nlohmann-json3-dev libedit-dev)
 what=${1:-}
 if [[ $what == windows || $what == all ]]; then
-  packages+=(g++-mingw-w64-x86-64-posix googletest wine wine64 python3 python3-numpy)
+  packages+=(g++-mingw-w64-x86-64-posix lld googletest wine wine64 python3 python3-numpy)
 fi
 if [[ $what == all || $what == coverage ]]; then
   packages+=(libgtest-dev libgmock-dev libbenchmark-dev python3 python3-numpy

@@ -35,7 +35,7 @@ common=$(git ls-files -z -- '*.h' .clang-tidy | xargs -0 cat -- "$commands" | sh
 # them. Those of the tests are left out.
 compiled() {
   sed -nE 's/^ *"file": "(.*)"$/\1/p' "$commands" | sort -u |
-    grep -E "^$PWD/((src|tools)/|build/release/tools/.*/unity_)"
+    grep -E "^$PWD/((src|tools)/|build/release/(src|tools)/.*/unity_)"
 }
 
 pending=()

@@ -15,10 +15,6 @@
 namespace qwen35 {
 namespace {
 
-const float* floats(const kiv::TensorView* tensor) {
-  return reinterpret_cast<const float*>(tensor->data);
-}
-
 // Whether QWEN35_ABLATE switches this block's mixer off: its value names the kind that is kept.
 bool isAblated(const Layer& layer) {
   const char* kept = std::getenv("QWEN35_ABLATE");

@@ -16,10 +16,6 @@ constexpr double kRopeBase = 10000000.0;
 constexpr size_t kRotaryPairs = 32;
 constexpr size_t kMostParts = 4096;  // runs kept at a time, about 17 MB
 
-const float* floats(const kiv::TensorView* tensor) {
-  return reinterpret_cast<const float*>(tensor->data);
-}
-
 // Sine and cosine of the 32 rotary angles of one position.
 struct Rotation {
   float sine[kRotaryPairs];

@@ -14,10 +14,6 @@ namespace {
 
 constexpr size_t kHeadWidth = 128;
 
-const float* floats(const kiv::TensorView* tensor) {
-  return reinterpret_cast<const float*>(tensor->data);
-}
-
 // Where a step reads and leaves the states of its block: in place for one token, beside them for a
 // batch that may yet be refused.
 struct States {

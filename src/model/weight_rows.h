@@ -23,6 +23,11 @@ ORB_API uint64_t rowCount(const kiv::TensorView& tensor);
 // weight of this model may have (F16, Q4_0, IQ4_XS).
 ORB_API uint64_t rowStride(kiv::QuantType type, uint64_t n);
 
+// The elements of a norm or another array that binding found to be F32.
+inline const float* floats(const kiv::TensorView* tensor) {
+  return reinterpret_cast<const float*>(tensor->data);
+}
+
 // Converts n elements of the row to floats. Writes nothing for a type without a stride or a row
 // shorter than one block.
 ORB_API void rowToF32(const kiv::TensorView* tensor, size_t row, size_t n, float* out);

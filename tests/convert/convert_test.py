@@ -480,19 +480,6 @@ class LargeFiles(ConvertCase):
             orb = OrbFile(self.convert(source, "out.orb", "--force")[0])
             self.assertEqual(orb.meta["general.source.bytes"], size)
 
-    def test_convert_says_when_its_result_needs_the_setting(self):
-        checkpoint = self.small(hidden=1024, vocabulary=4 << 17)
-        embedding = checkpoint.tensors.pop("token_embd.weight")
-        tensors = checkpoint.gguf_tensors()
-        source = self.path("model.gguf")
-        write_gguf(source, checkpoint.gguf_keys(),
-                   tensors + [("token_embd.weight", [1024, 4 << 17], 0, embedding[:0])])
-        size = os.path.getsize(source)
-        os.truncate(source, size + embedding.nbytes)  # zeros that take no space
-        out, _ = self.orb("convert", source, self.path("out.orb"))
-        self.assertIn("QWEN35_LARGE_FILES=1", out)
-        self.assertGreater(os.path.getsize(self.path("out.orb")), 2 << 30)
-
 
 if __name__ == "__main__":
     unittest.main()

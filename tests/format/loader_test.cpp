@@ -17,7 +17,7 @@ using orbtest::indexEntry;
 using orbtest::poke;
 using orbtest::TempFile;
 
-TokenizerData smallTokenizer() {
+TokenizerData threeTokens() {
   TokenizerData tokenizer;
   tokenizer.model = "bpe";
   tokenizer.tokens = {"a", "b", "ab"};
@@ -25,7 +25,7 @@ TokenizerData smallTokenizer() {
   return tokenizer;
 }
 
-ContainerBuilder smallBuilder() {
+ContainerBuilder twoTensors() {
   ContainerBuilder builder;
   builder.header.wordA = 1;
   builder.header.wordB = 2;
@@ -33,7 +33,7 @@ ContainerBuilder smallBuilder() {
   builder.meta("general.architecture", "qwen35")
       .tensor("blk.1.b", QuantType::F32, {2, 1}, Bytes().f32(1).f32(2))
       .tensor("blk.0.a", QuantType::F32, {1}, Bytes().f32(3))
-      .tokenizer(smallTokenizer())
+      .tokenizer(threeTokens())
       .text("free text");
   return builder;
 }
@@ -54,7 +54,7 @@ void expectEmpty(const ORBLoader& loader) {
 }
 
 TEST(LoaderTest, AWellFormedFileIsReadWhole) {
-  const TempFile file(smallBuilder().build());
+  const TempFile file(twoTensors().build());
   ORBLoader loader;
   const Status status = loader.open(file.path());
   ASSERT_TRUE(status.ok()) << status.message;
@@ -66,15 +66,15 @@ TEST(LoaderTest, AWellFormedFileIsReadWhole) {
   EXPECT_EQ(loader.tensorCount, 2u);
   EXPECT_EQ(loader.text, "free text");
   EXPECT_EQ(loader.tokenizerModel, "bpe");
-  EXPECT_EQ(loader.tokenizer.tokens, smallTokenizer().tokens);
-  EXPECT_EQ(loader.tokenizer.merges, smallTokenizer().merges);
+  EXPECT_EQ(loader.tokenizer.tokens, threeTokens().tokens);
+  EXPECT_EQ(loader.tokenizer.merges, threeTokens().merges);
   std::string architecture;
   EXPECT_TRUE(loader.reader.getMetaStr("general.architecture", architecture));
   EXPECT_EQ(architecture, "qwen35");
 }
 
 TEST(LoaderTest, RecordsStandInIndexOrderAndPointIntoTheFile) {
-  const TempFile file(smallBuilder().build());
+  const TempFile file(twoTensors().build());
   ORBLoader loader;
   ASSERT_TRUE(loader.open(file.path()).ok());
   ASSERT_EQ(loader.tensors.size(), 2u);
@@ -94,7 +94,7 @@ TEST(LoaderTest, RecordsStandInIndexOrderAndPointIntoTheFile) {
 }
 
 TEST(LoaderTest, TensorsAreFoundByTheirWholeNameOnly) {
-  const TempFile file(smallBuilder().build());
+  const TempFile file(twoTensors().build());
   ORBLoader loader;
   ASSERT_TRUE(loader.open(file.path()).ok());
   EXPECT_EQ(loader.findTensor("blk.0.a"), &loader.tensors[0]);
@@ -107,7 +107,7 @@ TEST(LoaderTest, TensorsAreFoundByTheirWholeNameOnly) {
 
 TEST(LoaderTest, TypesOf11AndMoreReadAsIq4Xs) {
   ContainerBuilder builder;
-  builder.tokenizer(smallTokenizer());
+  builder.tokenizer(threeTokens());
   const uint16_t stored[] = {8, 9, 10, 11, 12, 0x0100, 0xFFFF};
   const uint16_t shown[] = {8, 9, 10, 8, 8, 8, 8};
   for (int i = 0; i < 7; ++i) {
@@ -126,7 +126,7 @@ TEST(LoaderTest, TypesOf11AndMoreReadAsIq4Xs) {
 TEST(LoaderTest, ANameLengthBeyondTheFieldIsCut) {
   const std::string longName(70, 'n');
   const TempFile file(ContainerBuilder()
-                          .tokenizer(smallTokenizer())
+                          .tokenizer(threeTokens())
                           .rawTensor(indexEntry(longName, 0, {}, 0, 0))
                           .build());
   ORBLoader loader;
@@ -137,8 +137,7 @@ TEST(LoaderTest, ANameLengthBeyondTheFieldIsCut) {
 TEST(LoaderTest, TheStoredNameLengthCountsNotThePadding) {
   auto entry = indexEntry("abc", 0, {}, 0, 0).get();
   poke(entry, 64, uint16_t{2});
-  const TempFile file(
-      ContainerBuilder().tokenizer(smallTokenizer()).rawTensor(Bytes(entry)).build());
+  const TempFile file(ContainerBuilder().tokenizer(threeTokens()).rawTensor(Bytes(entry)).build());
   ORBLoader loader;
   ASSERT_TRUE(loader.open(file.path()).ok());
   EXPECT_EQ(loader.tensors[0].name, "ab");
@@ -147,7 +146,7 @@ TEST(LoaderTest, TheStoredNameLengthCountsNotThePadding) {
 TEST(LoaderTest, QuantizationInfoIsCarried) {
   const Bytes records = Bytes().zeros(32).u16(77).u16(0xA).u32(0xB).u32(0xC).u32(0xD).u32(0xE);
   const TempFile file(
-      smallBuilder().section(SectionType::QuantInfo, Bytes(records).zeros(12)).build());
+      twoTensors().section(SectionType::QuantInfo, Bytes(records).zeros(12)).build());
   ORBLoader loader;
   ASSERT_TRUE(loader.open(file.path()).ok());
   const QuantParams& quant = loader.tensors[1].quant;
@@ -161,7 +160,7 @@ TEST(LoaderTest, QuantizationInfoIsCarried) {
 }
 
 TEST(LoaderTest, WithoutQuantizationInfoTheParametersAreZero) {
-  const TempFile file(smallBuilder().build());
+  const TempFile file(twoTensors().build());
   ORBLoader loader;
   ASSERT_TRUE(loader.open(file.path()).ok());
   const QuantParams& quant = loader.tensors[1].quant;
@@ -169,8 +168,8 @@ TEST(LoaderTest, WithoutQuantizationInfoTheParametersAreZero) {
 }
 
 TEST(LoaderTest, AReadersFailureIsPassedOnAndLeavesTheLoaderClosed) {
-  const TempFile good(smallBuilder().build());
-  auto bytes = smallBuilder().build();
+  const TempFile good(twoTensors().build());
+  auto bytes = twoTensors().build();
   bytes[0] = 'X';
   const TempFile bad(bytes);
   ORBLoader loader;
@@ -205,7 +204,7 @@ TEST(LoaderTest, WithoutATokenizerTheMetadataStaysReadable) {
 TEST(LoaderTest, TextIsOptionalAndMayBeEmpty) {
   for (const bool empty : {false, true}) {
     ContainerBuilder builder;
-    builder.tokenizer(smallTokenizer());
+    builder.tokenizer(threeTokens());
     if (empty) builder.text("");
     const TempFile file(builder.build());
     ORBLoader loader;
@@ -215,7 +214,7 @@ TEST(LoaderTest, TextIsOptionalAndMayBeEmpty) {
 }
 
 TEST(LoaderTest, CloseEmptiesAndMayBeRepeated) {
-  const TempFile file(smallBuilder().build());
+  const TempFile file(twoTensors().build());
   ORBLoader loader;
   ASSERT_TRUE(loader.open(file.path()).ok());
   loader.close();
@@ -226,7 +225,7 @@ TEST(LoaderTest, CloseEmptiesAndMayBeRepeated) {
 }
 
 TEST(LoaderTest, LargeFilesNeedTheirSwitch) {
-  const TempFile file(smallBuilder().build());
+  const TempFile file(twoTensors().build());
   file.resize(uint64_t{1} << 31);
   ORBLoader loader;
   EXPECT_EQ(loader.open(file.path()).message, "ORB2: cannot stat file");

@@ -24,8 +24,8 @@ using orbtest::TempFile;
 
 using File = std::vector<uint8_t>;
 
-// Table entries without further sections: 0 metadata, 1 tensor index, 2 weights.
-constexpr size_t kWeights = 2;
+// Where the weights stand in a table without further sections, after metadata and tensor index.
+constexpr size_t kWeightsOfAbc = 2;
 
 ContainerBuilder abc() {
   ContainerBuilder builder;
@@ -101,8 +101,8 @@ TEST(ReaderTest, SixteenSectionsAreNotTooMany) {
 
 TEST(ReaderTest, ASectionMayEndWithTheFile) {
   const File file = abc().build();
-  const uint64_t end = peek<uint64_t>(file, tableField(kWeights, 8)) +
-                       peek<uint64_t>(file, tableField(kWeights, 16));
+  const uint64_t end = peek<uint64_t>(file, tableField(kWeightsOfAbc, 8)) +
+                       peek<uint64_t>(file, tableField(kWeightsOfAbc, 16));
   EXPECT_EQ(end, file.size());
   const Opened opened(file);
 }
@@ -388,7 +388,7 @@ TEST_F(FileSizeTest, LargeFilesOpenWhole) {
 }
 
 TEST_F(FileSizeTest, LargeFilesMayHaveSectionsBehind4GiB) {
-  poke(bytes_, tableField(kWeights, 8), 4 * kGiB);
+  poke(bytes_, tableField(kWeightsOfAbc, 8), 4 * kGiB);
   reseal(bytes_);
   const TempFile large(bytes_);
   large.resize(4 * kGiB);

@@ -82,7 +82,7 @@ std::vector<HostileCase> headerCases() {
   };
 }
 
-std::vector<HostileCase> countCases() {
+std::vector<HostileCase> headerCountCases() {
   const uint64_t tensors = peek<uint64_t>(validFile(), 40);
   return {
       refused("sections: none", "ORB2: missing tensor index", spoiled(12, uint32_t{0})),
@@ -252,7 +252,7 @@ std::function<File()> withValue(MetaType type, const Bytes& value) {
 std::vector<HostileCase> containerCases() {
   std::vector<HostileCase> all;
   for (const auto& cases :
-       {headerCases(), countCases(), boundsCases(), sectionCases(), truncationCases()}) {
+       {headerCases(), headerCountCases(), boundsCases(), sectionCases(), truncationCases()}) {
     all.insert(all.end(), cases.begin(), cases.end());
   }
   return all;

@@ -40,11 +40,11 @@ inline const File& validFile() {
   return file;
 }
 
-inline uint64_t sectionOffset(size_t section) {
-  return peek<uint64_t>(validFile(), tableField(section, 8));
+inline uint64_t sectionOffset(size_t section, const File& file = validFile()) {
+  return peek<uint64_t>(file, tableField(section, 8));
 }
-inline uint64_t sectionSize(size_t section) {
-  return peek<uint64_t>(validFile(), tableField(section, 16));
+inline uint64_t sectionSize(size_t section, const File& file = validFile()) {
+  return peek<uint64_t>(file, tableField(section, 16));
 }
 
 // The cases of each source.

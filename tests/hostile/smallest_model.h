@@ -9,8 +9,9 @@
 
 namespace orbtest {
 
-// All blocks full, but for the first `linear` ones. Tokens "a" and "b"; each is followed by itself.
-inline ModelFile smallestModel(size_t linear = 0) {
+// All blocks full, but for the first `linear` ones; with fewer than 32 it opens, but does not bind.
+// Tokens "a" and "b"; each is followed by itself.
+inline ModelFile smallestModel(size_t linear = 0, size_t blocks = 32) {
   const TensorSpec vector = TensorSpec::floats({256}, 1);
   const auto shaped = [](const TensorSpec& spec, std::vector<uint64_t> dims) {
     TensorSpec other = spec;
@@ -26,7 +27,7 @@ inline ModelFile smallestModel(size_t linear = 0) {
     for (const char* name : names) file["blk." + std::to_string(block) + "." + name] = spec;
   };
   const TensorSpec taps = linear == 0 ? TensorSpec() : TensorSpec::floats({4, 8192}, 1);
-  for (size_t i = 0; i < 32; ++i) {
+  for (size_t i = 0; i < blocks; ++i) {
     add(i, shaped(vector, {1}), {"attn_norm.weight", "post_attention_norm.weight"});
     add(i, element, {"ffn_gate.weight", "ffn_up.weight", "ffn_down.weight"});
     if (i < linear) {

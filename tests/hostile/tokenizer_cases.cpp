@@ -43,7 +43,7 @@ Bytes countAt(int list, uint32_t count) {
   return section.u32(count);
 }
 
-std::vector<HostileCase> countCases() {
+std::vector<HostileCase> listCountCases() {
   const char* names[] = {"tokens", "scores", "types", "merges"};
   constexpr uint32_t kLimit = kiv::orb2::kMaxTokenizerCount;
   std::vector<HostileCase> cases;
@@ -85,7 +85,7 @@ std::vector<HostileCase> lengthCases() {
 }  // namespace
 
 std::vector<HostileCase> tokenizerCases() {
-  std::vector<HostileCase> cases = countCases();
+  std::vector<HostileCase> cases = listCountCases();
   for (const HostileCase& test : lengthCases()) cases.push_back(test);
   cases.push_back(
       {"tokenizer: no tokens", withSection(tokenizerSection({})), true, kNoTokens, "tokenizer"});

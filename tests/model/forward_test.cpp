@@ -27,13 +27,12 @@ namespace qwen35 {
 namespace {
 
 using orbtest::EnvironmentVariable;
+using orbtest::kSmallHidden;
 using orbtest::normalVector;
 using orbtest::OwnTensor;
 using orbtest::relativeDistance;
 using orbtest::SmallModel;
 using orbtest::smallOptions;
-
-constexpr size_t kHidden = 16;
 
 std::vector<float> hiddenOf(SmallModel& small, size_t token, size_t pos) {
   std::vector<float> embedding(small.model.hiddenSize), out(small.model.hiddenSize);
@@ -92,11 +91,11 @@ TEST_P(ForwardTest, LogitsAreTheProductsOfTheHiddenStateWithTheEmbedding) {
   for (size_t pos = 0; pos < 2; ++pos) {
     const std::vector<float> hidden = hiddenOf(small, pos, pos);
     const std::vector<float> logits = logitsOf(other, pos, pos);
-    std::vector<float> row(kHidden);
+    std::vector<float> row(kSmallHidden);
     for (size_t token = 0; token < logits.size(); ++token) {
       embedRow(small.model, token, row.data());
       double expected = 0;
-      for (size_t i = 0; i < kHidden; ++i) expected += static_cast<double>(row[i]) * hidden[i];
+      for (size_t i = 0; i < kSmallHidden; ++i) expected += static_cast<double>(row[i]) * hidden[i];
       ASSERT_NEAR(logits[token], expected, 1e-5) << "token " << token << " at " << pos;
     }
   }
@@ -156,8 +155,8 @@ class FeedForwardTest : public orbtest::TierTest {
  protected:
   static void check(SmallModel& small) {
     Layer& layer = small.model.layers[0];
-    const std::vector<float> x = normalVector(kHidden, 1);
-    std::vector<float> out(kHidden, 99.0f);
+    const std::vector<float> x = normalVector(kSmallHidden, 1);
+    std::vector<float> out(kSmallHidden, 99.0f);
     ffnStep(small.model, layer, x.data(), out.data());
     EXPECT_LT(relativeDistance(out, orbtest::feedForwardReference(layer, x)), 1e-5);
   }
@@ -392,7 +391,7 @@ TEST_F(ForwardDiagnosticsTest, PrintsTwoLinesABlockAndAComparisonAtPosition0) {
   }
   const std::vector<Record> records = readDump(path_);
   ASSERT_EQ(records.size(), 161u);
-  std::vector<float> embedding(kHidden);
+  std::vector<float> embedding(kSmallHidden);
   embedRow(small_.model, 3, embedding.data());
   const auto norm = [](const std::vector<float>& v) { return orbtest::norm(v.data(), v.size()); };
 
@@ -415,7 +414,7 @@ TEST_F(ForwardDiagnosticsTest, PrintsTwoLinesABlockAndAComparisonAtPosition0) {
     }
     const std::vector<float>& last = records[160].values;
     double dot = 0;
-    for (size_t i = 0; i < kHidden; ++i) dot += static_cast<double>(embedding[i]) * last[i];
+    for (size_t i = 0; i < kSmallHidden; ++i) dot += static_cast<double>(embedding[i]) * last[i];
     char expected[200];
     std::snprintf(expected, sizeof expected, "  final |orig|=%.3f |cur|=%.3f cos(orig,cur)=%.4f",
                   norm(embedding), norm(last), dot / (norm(embedding) * norm(last)));
@@ -432,7 +431,7 @@ TEST_F(ForwardDiagnosticsTest, PrintsNothingAtLaterPositionsNorForHiddenStates) 
 
 TEST_F(ForwardDiagnosticsTest, EachPassWithLogitsAppends161Records) {
   const EnvironmentVariable variable("QWEN35_HID_DUMP", path_.c_str());
-  std::vector<float> embedding(kHidden);
+  std::vector<float> embedding(kSmallHidden);
   for (size_t pos = 0; pos < 3; ++pos) {
     embedRow(small_.model, pos + 1, embedding.data());
     EXPECT_EQ(printedBy([&] { logitsOf(small_, pos + 1, pos); }), "");
@@ -445,14 +444,14 @@ TEST_F(ForwardDiagnosticsTest, EachPassWithLogitsAppends161Records) {
       for (size_t s = 0; s < 5; ++s) {
         EXPECT_EQ(r[s].name, "S" + std::to_string(i) + "." + stages[s]);
         EXPECT_EQ(r[s].position, pos);
-        ASSERT_EQ(r[s].values.size(), kHidden);
+        ASSERT_EQ(r[s].values.size(), kSmallHidden);
       }
-      std::vector<float> normed(kHidden);
+      std::vector<float> normed(kSmallHidden);
       const Layer& layer = small_.model.layers[i];
       rmsNorm(r[1].values.data(), reinterpret_cast<const float*>(layer.postAttentionNorm->data),
-              normed.data(), kHidden, 1e-6f);
+              normed.data(), kSmallHidden, 1e-6f);
       EXPECT_EQ(r[2].values, normed);
-      for (size_t j = 0; j < kHidden; ++j) {
+      for (size_t j = 0; j < kSmallHidden; ++j) {
         EXPECT_EQ(r[1].values[j], x[j] + r[0].values[j]);
         EXPECT_EQ(r[4].values[j], r[1].values[j] + r[3].values[j]);
       }

@@ -20,15 +20,14 @@ namespace {
 using orbtest::EnvironmentVariable;
 using orbtest::fillCaches;
 using orbtest::FullReference;
+using orbtest::kSmallHidden;
 using orbtest::normalVector;
 using orbtest::OwnTensor;
 using orbtest::relativeDistance;
 using orbtest::SmallModel;
 using orbtest::smallOptions;
 
-constexpr size_t kHidden = 16;
 constexpr size_t kBlock = 3;  // the first full block
-constexpr double kTolerance = 2e-5;
 
 orb::SynthOptions optionsWithBiases() {
   orb::SynthOptions options = smallOptions();
@@ -39,7 +38,7 @@ orb::SynthOptions optionsWithBiases() {
 class FullAttentionTest : public orbtest::TierTest {
  protected:
   std::vector<float> step(SmallModel& small, const std::vector<float>& x, size_t pos) const {
-    std::vector<float> out(kHidden, 0.0f);
+    std::vector<float> out(kSmallHidden, 0.0f);
     fullAttnStep(small.model, small.model.layers[kBlock], x.data(), out.data(), pos, kBlock);
     return out;
   }
@@ -51,9 +50,10 @@ class FullAttentionTest : public orbtest::TierTest {
     reference.takeCaches(small.model.maxContext);
     for (size_t i = 0; i < tokens; ++i) {
       const size_t pos = layer.position;
-      const std::vector<float> x = normalVector(kHidden, static_cast<unsigned>(100 + pos));
+      const std::vector<float> x = normalVector(kSmallHidden, static_cast<unsigned>(100 + pos));
       const FullReference::Result expected = reference.step(x, pos);
-      ASSERT_LT(relativeDistance(step(small, x, pos), expected.out), kTolerance) << "token " << pos;
+      ASSERT_LT(relativeDistance(step(small, x, pos), expected.out), orbtest::kMixerTolerance)
+          << "token " << pos;
     }
   }
 };
@@ -90,7 +90,7 @@ TEST_P(FullAttentionTest, FewerHeadsFollowTheFormula) {
 
 TEST_P(FullAttentionTest, AtPositionZeroEachHeadIsItsValueTimesTheSigmoidOfItsGate) {
   SmallModel small(optionsWithBiases(), &kernels());
-  step(small, normalVector(kHidden, 1), 0);
+  step(small, normalVector(kSmallHidden, 1), 0);
   const Workspace& w = small.model.work;
   for (size_t h = 0; h < 16; ++h) {
     for (size_t d = 0; d < 256; ++d) {
@@ -104,9 +104,9 @@ TEST_P(FullAttentionTest, AtPositionZeroEachHeadIsItsValueTimesTheSigmoidOfItsGa
 TEST_P(FullAttentionTest, AGateOfZeroHalvesTheHeadOutput) {
   SmallModel small(smallOptions(), &kernels());
   OwnTensor q(*small.model.layers[kBlock].attnQ);
-  for (size_t h = 0; h < 16; ++h) std::fill_n(q.row(512 * h + 256), 256 * kHidden, 0.0f);
+  for (size_t h = 0; h < 16; ++h) std::fill_n(q.row(512 * h + 256), 256 * kSmallHidden, 0.0f);
   small.model.layers[kBlock].attnQ = &q.view;
-  step(small, normalVector(kHidden, 1), 0);
+  step(small, normalVector(kSmallHidden, 1), 0);
   const Workspace& w = small.model.work;
   for (size_t i = 0; i < 4096; ++i) {
     ASSERT_EQ(w.gated[i], 0.5f * w.value[i / 1024 * 256 + i % 256]) << i;
@@ -117,11 +117,11 @@ TEST_P(FullAttentionTest, WithoutBiasesQueryKeyAndValueAreTheBareProjections) {
   SmallModel small(smallOptions(), &kernels());
   Model& model = small.model;
   const Layer& layer = model.layers[kBlock];
-  const std::vector<float> x = normalVector(kHidden, 2);
+  const std::vector<float> x = normalVector(kSmallHidden, 2);
   step(small, x, 0);
-  std::vector<float> normed(kHidden);
-  rmsNorm(x.data(), reinterpret_cast<const float*>(layer.attnNorm->data), normed.data(), kHidden,
-          1e-6f);
+  std::vector<float> normed(kSmallHidden);
+  rmsNorm(x.data(), reinterpret_cast<const float*>(layer.attnNorm->data), normed.data(),
+          kSmallHidden, 1e-6f);
   std::vector<float> q(8192, 0.0f), k(1024, 0.0f), v(1024, 0.0f);
   gemvRow(model, layer.attnQ, normed.data(), q.data());
   gemvRow(model, layer.attnK, normed.data(), k.data());
@@ -153,7 +153,7 @@ TEST_P(FullAttentionTest, EachBiasIsAddedElementByElementAsFarAsItReaches) {
   layer.attnQBias = &q;
   layer.attnKBias = &k;
   layer.attnVBias = &v;
-  const std::vector<float> x = normalVector(kHidden, 5);
+  const std::vector<float> x = normalVector(kSmallHidden, 5);
   step(plain, x, 0);
   step(biased, x, 0);
   const Workspace& a = plain.model.work;
@@ -168,7 +168,7 @@ TEST_P(FullAttentionTest, EachBiasIsAddedElementByElementAsFarAsItReaches) {
 TEST_P(FullAttentionTest, OnlyTheFirst64ElementsAreRotated) {
   SmallModel small(smallOptions(), &kernels());
   Model& model = small.model;
-  const std::vector<float> x = normalVector(kHidden, 6);
+  const std::vector<float> x = normalVector(kSmallHidden, 6);
   step(small, x, 0);
   const std::vector<float> queries(model.work.heads.begin(), model.work.heads.begin() + 4096);
   const std::vector<float> key(model.layers[kBlock].keyCache.begin(),
@@ -197,7 +197,7 @@ TEST_P(FullAttentionTest, TheSlotIsTheBlocksOwnCounterAndTheAngleTheCallersPosit
   SmallModel small(smallOptions(), &kernels());
   Model& model = small.model;
   Layer& layer = model.layers[kBlock];
-  const std::vector<float> x = normalVector(kHidden, 7);
+  const std::vector<float> x = normalVector(kSmallHidden, 7);
   for (const size_t pos : {10, 20, 30}) step(small, x, pos);
   EXPECT_EQ(layer.position, 3u);
   const size_t groupStride = model.maxContext * 256;
@@ -217,21 +217,21 @@ TEST_P(FullAttentionTest, TheSlotIsTheBlocksOwnCounterAndTheAngleTheCallersPosit
 
 TEST_P(FullAttentionTest, AddsToTheOutput) {
   SmallModel small(smallOptions(), &kernels());
-  const std::vector<float> x = normalVector(kHidden, 8);
+  const std::vector<float> x = normalVector(kSmallHidden, 8);
   const std::vector<float> bare = step(small, x, 0);
   resetModel(small.model);
-  std::vector<float> out(kHidden, 1.0f);
+  std::vector<float> out(kSmallHidden, 1.0f);
   fullAttnStep(small.model, small.model.layers[kBlock], x.data(), out.data(), 0, kBlock);
-  for (size_t i = 0; i < kHidden; ++i) EXPECT_FLOAT_EQ(out[i], 1 + bare[i]);
+  for (size_t i = 0; i < kSmallHidden; ++i) EXPECT_FLOAT_EQ(out[i], 1 + bare[i]);
 }
 
 TEST_P(FullAttentionTest, AFullCacheMakesItANoOp) {
   SmallModel small(smallOptions(), &kernels(), 3);
-  const std::vector<float> x = normalVector(kHidden, 9);
+  const std::vector<float> x = normalVector(kSmallHidden, 9);
   for (size_t t = 0; t < 3; ++t) step(small, x, t);
   const Layer& layer = small.model.layers[kBlock];
   const std::vector<float> keys(layer.keyCache.begin(), layer.keyCache.end());
-  EXPECT_EQ(step(small, x, 3), std::vector<float>(kHidden, 0.0f));
+  EXPECT_EQ(step(small, x, 3), std::vector<float>(kSmallHidden, 0.0f));
   EXPECT_EQ(layer.position, 3u);
   EXPECT_EQ(std::vector<float>(layer.keyCache.begin(), layer.keyCache.end()), keys);
 }
@@ -245,7 +245,7 @@ TEST_P(FullAttentionTest, GivesTheSameBitsForEveryNumberOfThreadsAndAfterAReset)
     std::vector<std::vector<float>> outputs;
     for (size_t pos = 0; pos < 6; ++pos) {
       if (pos == 3) fillCaches(small.model, 765);
-      outputs.push_back(step(small, normalVector(kHidden, static_cast<unsigned>(pos)), pos));
+      outputs.push_back(step(small, normalVector(kSmallHidden, static_cast<unsigned>(pos)), pos));
     }
     if (first.empty()) first = outputs;
     EXPECT_EQ(outputs, first) << threads << " threads";
@@ -257,7 +257,7 @@ TEST_P(FullAttentionTest, GivesTheSameBitsForEveryNumberOfThreadsAndAfterAReset)
 class FullDiagnosticsTest : public testing::Test {
  protected:
   std::string run(size_t blockIndex, size_t pos, const std::vector<float>& x) {
-    std::vector<float> out(kHidden, 0.0f);
+    std::vector<float> out(kSmallHidden, 0.0f);
     testing::internal::CaptureStderr();
     fullAttnStep(small_.model, small_.model.layers[kBlock], x.data(), out.data(), pos, blockIndex);
     return testing::internal::GetCapturedStderr();
@@ -272,7 +272,7 @@ TEST_F(FullDiagnosticsTest, TellsTheSoftmaxOfHead0OfBlock3AtEveryEighthPosition)
     resetModel(small_.model);
     FullReference reference(small_.model.layers[kBlock]);
     for (size_t t = 0; t < 17; ++t) {
-      const std::vector<float> x = normalVector(kHidden, static_cast<unsigned>(t));
+      const std::vector<float> x = normalVector(kSmallHidden, static_cast<unsigned>(t));
       const FullReference::Result expected = reference.step(x, t);
       const std::string printed = run(kBlock, t, x);
       if (t % 8 != 0) {
@@ -300,7 +300,7 @@ TEST_F(FullDiagnosticsTest, TellsTheSoftmaxOfHead0OfBlock3AtEveryEighthPosition)
 }
 
 TEST_F(FullDiagnosticsTest, OtherBlocksAndAnUnsetVariableAreSilent) {
-  const std::vector<float> x = normalVector(kHidden, 1);
+  const std::vector<float> x = normalVector(kSmallHidden, 1);
   {
     const EnvironmentVariable variable("QWEN35_DBG3", "1");
     EXPECT_EQ(run(7, 0, x), "");

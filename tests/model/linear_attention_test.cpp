@@ -17,6 +17,7 @@ namespace qwen35 {
 namespace {
 
 using orbtest::EnvironmentVariable;
+using orbtest::kSmallHidden;
 using orbtest::LinearReference;
 using orbtest::normalVector;
 using orbtest::OwnTensor;
@@ -24,9 +25,7 @@ using orbtest::relativeDistance;
 using orbtest::SmallModel;
 using orbtest::smallOptions;
 
-constexpr size_t kHidden = 16;
 constexpr size_t kState = 128 * 128;
-constexpr double kTolerance = 2e-5;
 
 std::vector<float> copyOf(const ZeroedArray& array, size_t count) {
   return {array.begin(), array.begin() + count};
@@ -35,7 +34,7 @@ std::vector<float> copyOf(const ZeroedArray& array, size_t count) {
 class LinearAttentionTest : public orbtest::TierTest {
  protected:
   static std::vector<float> step(SmallModel& small, const std::vector<float>& x, size_t pos = 0) {
-    std::vector<float> out(kHidden, 0.0f);
+    std::vector<float> out(kSmallHidden, 0.0f);
     linearAttnStep(small.model, small.model.layers[0], x.data(), out.data(), 0, pos);
     return out;
   }
@@ -44,11 +43,12 @@ class LinearAttentionTest : public orbtest::TierTest {
     const Layer& layer = small.model.layers[0];
     LinearReference reference(layer);
     for (size_t t = 0; t < tokens; ++t) {
-      const std::vector<float> x = normalVector(kHidden, static_cast<unsigned>(50 + t));
+      const std::vector<float> x = normalVector(kSmallHidden, static_cast<unsigned>(50 + t));
       const LinearReference::Result expected = reference.step(x);
-      ASSERT_LT(relativeDistance(step(small, x, t), expected.out), kTolerance) << "token " << t;
+      ASSERT_LT(relativeDistance(step(small, x, t), expected.out), orbtest::kMixerTolerance)
+          << "token " << t;
       ASSERT_LT(relativeDistance(copyOf(layer.recurrentState, 32 * kState), reference.state()),
-                kTolerance)
+                orbtest::kMixerTolerance)
           << "token " << t;
     }
     EXPECT_EQ(layer.position, tokens);
@@ -63,7 +63,7 @@ class LinearAttentionTest : public orbtest::TierTest {
     OwnTensor beta;
   };
 
-  const std::vector<float> ones_ = std::vector<float>(kHidden, 1.0f);
+  const std::vector<float> ones_ = std::vector<float>(kSmallHidden, 1.0f);
 };
 ORB_INSTANTIATE_TIERS(LinearAttentionTest);
 
@@ -90,7 +90,7 @@ TEST_P(LinearAttentionTest, TheFirstTokenSeesTheLastTapOfTheConvolutionOnly) {
   SmallModel small(smallOptions(), &kernels());
   const Layer& layer = small.model.layers[0];
   for (int round = 0; round < 2; ++round) {
-    step(small, normalVector(kHidden, 1));
+    step(small, normalVector(kSmallHidden, 1));
     const Workspace& w = small.model.work;
     const auto* taps = reinterpret_cast<const float*>(layer.ssmConv1d->data);
     for (size_t c = 0; c < 8192; ++c) {
@@ -100,7 +100,7 @@ TEST_P(LinearAttentionTest, TheFirstTokenSeesTheLastTapOfTheConvolutionOnly) {
       ASSERT_EQ(layer.convState[3 * c + 1], 0);
       ASSERT_EQ(layer.convState[3 * c + 2], w.qkv[c]);
     }
-    step(small, normalVector(kHidden, 2));
+    step(small, normalVector(kSmallHidden, 2));
     resetModel(small.model);
   }
 }
@@ -110,7 +110,7 @@ TEST_P(LinearAttentionTest, TheConvolutionRemembersTheLastThreeInputsOldestFirst
   const Layer& layer = small.model.layers[0];
   std::vector<std::vector<float>> inputs;
   for (unsigned t = 0; t < 4; ++t) {
-    step(small, normalVector(kHidden, t));
+    step(small, normalVector(kSmallHidden, t));
     inputs.push_back(copyOf(small.model.work.qkv, 8192));
   }
   for (size_t c = 0; c < 8192; ++c) {
@@ -121,7 +121,7 @@ TEST_P(LinearAttentionTest, TheConvolutionRemembersTheLastThreeInputsOldestFirst
 TEST_P(LinearAttentionTest, WithBetaZeroTheStateOnlyDecaysAndIsReadAfterwards) {
   SmallModel small(smallOptions(), &kernels());
   const Layer& layer = small.model.layers[0];
-  for (unsigned t = 0; t < 3; ++t) step(small, normalVector(kHidden, t));
+  for (unsigned t = 0; t < 3; ++t) step(small, normalVector(kSmallHidden, t));
   const std::vector<float> before = copyOf(layer.recurrentState, 32 * kState);
   LinearReference reference(layer);
   const WithoutBeta changed(small);
@@ -150,7 +150,7 @@ TEST_P(LinearAttentionTest, NoDecayKeepsTheStateExactly) {
     const EnvironmentVariable variable("QWEN35_NODECAY", value);
     SmallModel small(smallOptions(), &kernels());
     const Layer& layer = small.model.layers[0];
-    for (unsigned t = 0; t < 3; ++t) step(small, normalVector(kHidden, t));
+    for (unsigned t = 0; t < 3; ++t) step(small, normalVector(kSmallHidden, t));
     const std::vector<float> before = copyOf(layer.recurrentState, 32 * kState);
     const WithoutBeta changed(small);
     step(small, ones_);
@@ -197,11 +197,11 @@ TEST_P(LinearAttentionTest, ValueHeads16ApartShareTheirQueryAndKeyHead) {
   Layer& layer = small.model.layers[0];
   OwnTensor qkv(*layer.attnQkv), gate(*layer.attnGate), alpha(*layer.ssmAlpha),
       beta(*layer.ssmBeta), dt(*layer.ssmDt), a(*layer.ssmA), conv(*layer.ssmConv1d);
-  std::copy_n(qkv.row(4096), 128 * kHidden, qkv.row(4096 + 16 * 128));
-  std::copy_n(gate.row(0), 128 * kHidden, gate.row(16 * 128));
+  std::copy_n(qkv.row(4096), 128 * kSmallHidden, qkv.row(4096 + 16 * 128));
+  std::copy_n(gate.row(0), 128 * kSmallHidden, gate.row(16 * 128));
   std::copy_n(conv.row(4096), 128 * 4, conv.row(4096 + 16 * 128));
-  std::copy_n(alpha.row(0), kHidden, alpha.row(16));
-  std::copy_n(beta.row(0), kHidden, beta.row(16));
+  std::copy_n(alpha.row(0), kSmallHidden, alpha.row(16));
+  std::copy_n(beta.row(0), kSmallHidden, beta.row(16));
   dt.values[16] = dt.values[0];
   a.values[16] = a.values[0];
   layer.attnQkv = &qkv.view;
@@ -211,7 +211,7 @@ TEST_P(LinearAttentionTest, ValueHeads16ApartShareTheirQueryAndKeyHead) {
   layer.ssmBeta = &beta.view;
   layer.ssmDt = &dt.view;
   layer.ssmA = &a.view;
-  for (unsigned t = 0; t < 3; ++t) step(small, normalVector(kHidden, t));
+  for (unsigned t = 0; t < 3; ++t) step(small, normalVector(kSmallHidden, t));
   const float* state = layer.recurrentState.data();
   const float* out = small.model.work.gated.data();
   EXPECT_EQ(std::memcmp(state, state + 16 * kState, kState * sizeof(float)), 0);
@@ -222,12 +222,12 @@ TEST_P(LinearAttentionTest, ValueHeads16ApartShareTheirQueryAndKeyHead) {
 
 TEST_P(LinearAttentionTest, AddsToTheOutput) {
   SmallModel small(smallOptions(), &kernels());
-  const std::vector<float> x = normalVector(kHidden, 8);
+  const std::vector<float> x = normalVector(kSmallHidden, 8);
   const std::vector<float> bare = step(small, x);
   resetModel(small.model);
-  std::vector<float> out(kHidden, 1.0f);
+  std::vector<float> out(kSmallHidden, 1.0f);
   linearAttnStep(small.model, small.model.layers[0], x.data(), out.data(), 0, 0);
-  for (size_t i = 0; i < kHidden; ++i) EXPECT_FLOAT_EQ(out[i], 1 + bare[i]);
+  for (size_t i = 0; i < kSmallHidden; ++i) EXPECT_FLOAT_EQ(out[i], 1 + bare[i]);
 }
 
 TEST_P(LinearAttentionTest, GivesTheSameBitsForEveryNumberOfThreadsAndAfterAReset) {
@@ -237,7 +237,8 @@ TEST_P(LinearAttentionTest, GivesTheSameBitsForEveryNumberOfThreadsAndAfterARese
     const orbtest::ThreadCount scope(threads);
     resetModel(small.model);
     std::vector<std::vector<float>> outputs;
-    for (unsigned t = 0; t < 3; ++t) outputs.push_back(step(small, normalVector(kHidden, t), t));
+    for (unsigned t = 0; t < 3; ++t)
+      outputs.push_back(step(small, normalVector(kSmallHidden, t), t));
     if (first.empty()) first = outputs;
     EXPECT_EQ(outputs, first) << threads << " threads";
   }
@@ -291,7 +292,7 @@ TEST(GdnStepTest, WithBetaZeroTheStateOnlyDecays) {
 class LinearDiagnosticsTest : public testing::Test {
  protected:
   std::string run(size_t blockIndex, size_t pos, const std::vector<float>& x) {
-    out_.assign(kHidden, 0.0f);
+    out_.assign(kSmallHidden, 0.0f);
     testing::internal::CaptureStderr();
     linearAttnStep(small_.model, small_.model.layers[0], x.data(), out_.data(), blockIndex, pos);
     return testing::internal::GetCapturedStderr();
@@ -326,7 +327,7 @@ TEST_F(LinearDiagnosticsTest, TellsTheStagesOfBlock0AtEveryPosition) {
     resetModel(small_.model);
     LinearReference reference(small_.model.layers[0]);
     for (size_t t = 0; t < 3; ++t) {
-      const std::vector<float> x = normalVector(kHidden, static_cast<unsigned>(t));
+      const std::vector<float> x = normalVector(kSmallHidden, static_cast<unsigned>(t));
       const LinearReference::Result r = reference.step(x);
       const std::string printed = run(0, t, x);
       double v[8];
@@ -363,7 +364,7 @@ TEST_F(LinearDiagnosticsTest, TellsTheStateOfBlock0AtEveryEighthPosition) {
     resetModel(small_.model);
     LinearReference reference(small_.model.layers[0]);
     for (size_t t = 0; t < 10; ++t) {
-      const std::vector<float> x = normalVector(kHidden, static_cast<unsigned>(t));
+      const std::vector<float> x = normalVector(kSmallHidden, static_cast<unsigned>(t));
       const LinearReference::Result r = reference.step(x);
       const std::string printed = run(0, t, x);
       if (t % 8 != 0) {
@@ -394,14 +395,14 @@ TEST_F(LinearDiagnosticsTest, TellsTheStateOfBlock0AtEveryEighthPosition) {
 TEST_F(LinearDiagnosticsTest, ThePrintedDecayIsThatOfTheModelEvenWhenDecayIsOff) {
   const EnvironmentVariable print("QWEN35_DBG4", "1");
   const EnvironmentVariable noDecay("QWEN35_NODECAY", "1");
-  const std::vector<float> x = normalVector(kHidden, 1);
+  const std::vector<float> x = normalVector(kSmallHidden, 1);
   const double g = LinearReference(small_.model.layers[0]).step(x).g0;
   EXPECT_NE(run(0, 0, x).find(format(" av0 %.4f ", g)), std::string::npos);
   EXPECT_NE(format("%.4f", g), "0.0000");
 }
 
 TEST_F(LinearDiagnosticsTest, OtherBlocksAndUnsetVariablesAreSilent) {
-  const std::vector<float> x = normalVector(kHidden, 1);
+  const std::vector<float> x = normalVector(kSmallHidden, 1);
   {
     const EnvironmentVariable stages("QWEN35_DBG2", "1");
     const EnvironmentVariable state("QWEN35_DBG4", "1");

@@ -10,20 +10,15 @@
 #include <random>
 #include <vector>
 
+#include "model/small_model.h"
 #include "model/threads.h"
 
 namespace qwen35 {
 namespace {
 
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+using orbtest::normalVector;
 
-std::vector<float> normals(size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::normal_distribution<float> normal;
-  std::vector<float> values(n);
-  for (float& value : values) value = normal(random);
-  return values;
-}
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 
 TEST(RmsNormTest, ZerosStayZeros) {
   const std::vector<float> x(100, 0.0f);
@@ -34,8 +29,8 @@ TEST(RmsNormTest, ZerosStayZeros) {
 }
 
 TEST(RmsNormTest, FollowsTheStatedOrderOfSteps) {
-  const std::vector<float> x = normals(2560, 1);
-  const std::vector<float> weight = normals(2560, 2);
+  const std::vector<float> x = normalVector(2560, 1);
+  const std::vector<float> weight = normalVector(2560, 2);
   double sum = 0;
   for (const float value : x) sum += static_cast<double>(value) * static_cast<double>(value);
   const float mean = static_cast<float>(sum / 2560.0);
@@ -66,8 +61,8 @@ TEST(RmsNormTest, TheSumIsKeptInDouble) {
 }
 
 TEST(RmsNormTest, OutputMayBeTheInputAndNoElementsWriteNothing) {
-  std::vector<float> x = normals(33, 3);
-  const std::vector<float> weight = normals(33, 4);
+  std::vector<float> x = normalVector(33, 3);
+  const std::vector<float> weight = normalVector(33, 4);
   std::vector<float> expected(33);
   rmsNorm(x.data(), weight.data(), expected.data(), 33, 1e-6f);
   rmsNorm(x.data(), weight.data(), x.data(), 33, 1e-6f);
@@ -91,7 +86,7 @@ TEST(L2NormBlocksTest, EpsilonIsAddedToTheSumOfEachBlock) {
 }
 
 TEST(L2NormBlocksTest, FollowsTheStatedOrderOfStepsInPlace) {
-  std::vector<float> x = normals(16 * 128, 5);
+  std::vector<float> x = normalVector(16 * 128, 5);
   const std::vector<float> before = x;
   l2NormBlocks(x.data(), x.data(), 16, 128, 1e-6f);
   for (size_t b = 0; b < 16; ++b) {
@@ -130,7 +125,7 @@ TEST(SoftplusTest, TwentyItselfTakesTheLogarithmAndTheNextFloatDoesNot) {
 }
 
 TEST(ActivationsTest, SiluAndSigmoidAreTheFormulae) {
-  const std::vector<float> x = normals(50, 6);
+  const std::vector<float> x = normalVector(50, 6);
   std::vector<float> s(50), g(50);
   silu(x.data(), s.data(), 50);
   sigmoid(x.data(), g.data(), 50);
@@ -142,8 +137,8 @@ TEST(ActivationsTest, SiluAndSigmoidAreTheFormulae) {
 
 TEST(DotF32Test, SumsProductsOfAnyLength) {
   for (const size_t n : {0, 1, 5, 16, 23, 24, 1000}) {
-    const std::vector<float> a = normals(n, 7);
-    const std::vector<float> b = normals(n, 8);
+    const std::vector<float> a = normalVector(n, 7);
+    const std::vector<float> b = normalVector(n, 8);
     double expected = 0;
     for (size_t i = 0; i < n; ++i) expected += static_cast<double>(a[i]) * b[i];
     EXPECT_NEAR(dotF32(a.data(), b.data(), n), expected, 1e-4) << n;
@@ -181,13 +176,13 @@ TEST(Bf16Test, WideningIsExactAndRoundsBackToItself) {
 class MatvecTest : public testing::Test {
  protected:
   void fill(size_t rows, size_t cols) {
-    weights_ = normals(rows * cols, 9);
+    weights_ = normalVector(rows * cols, 9);
     halves_.resize(weights_.size());
     for (size_t i = 0; i < weights_.size(); ++i) {
       halves_[i] = f32ToBf16(weights_[i]);
       weights_[i] = bf16ToF32(halves_[i]);
     }
-    x_ = normals(cols, 10);
+    x_ = normalVector(cols, 10);
     rows_ = rows;
     cols_ = cols;
   }

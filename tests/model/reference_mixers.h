@@ -11,6 +11,9 @@ namespace orbtest {
 
 using Doubles = std::vector<double>;
 
+// How far the output of a mixer may be from these, of its norm.
+constexpr double kMixerTolerance = 2e-5;
+
 // The elements of a tensor, row after row.
 struct Matrix {
   explicit Matrix(const kiv::TensorView& tensor);

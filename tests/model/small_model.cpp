@@ -25,8 +25,8 @@ void require(bool condition, const std::string& what) {
 
 orb::SynthOptions smallOptions() {
   orb::SynthOptions options;
-  options.hidden = 16;
-  options.ffn = 16;
+  options.hidden = kSmallHidden;
+  options.ffn = kSmallHidden;
   options.vocabulary = orb::kSynthMinVocabulary;
   return options;
 }

@@ -10,7 +10,9 @@
 
 namespace orbtest {
 
-// Hidden size and feed-forward width 16, everything F32: a token costs little on every tier.
+// Hidden size and feed-forward width are this, everything is F32: a token costs little on every
+// tier.
+constexpr size_t kSmallHidden = 16;
 orb::SynthOptions smallOptions();
 
 // Writes the model to a temporary file, opens and binds it. A failure ends the test program.

@@ -9,6 +9,7 @@
 
 #include "model/kernel_tiers.h"
 #include "model/kernels/kernel_table.h"
+#include "model/small_model.h"
 #include "model/threads.h"
 #include "model/weight_patterns.h"
 
@@ -19,6 +20,7 @@ using kiv::QuantType;
 using kiv::TensorView;
 using orbtest::decodeRow;
 using orbtest::kMatrixTypes;
+using orbtest::normalVector;
 using orbtest::ThreadCount;
 
 // A tensor over bytes of its own.
@@ -55,14 +57,6 @@ struct TestTensor {
     return y;
   }
 };
-
-std::vector<float> normals(size_t n, unsigned seed) {
-  std::mt19937 random(seed);
-  std::normal_distribution<float> normal;
-  std::vector<float> values(n);
-  for (float& value : values) value = normal(random);
-  return values;
-}
 
 // Every weight and input of these tests is of order one.
 void expectNear(const std::vector<float>& y, const std::vector<double>& expected, size_t cols) {
@@ -169,7 +163,7 @@ TEST(GemvRowTest, MultipliesEveryTypeOnEveryTier) {
     model.kernels = tier;
     for (const QuantType type : kMatrixTypes) {
       const TestTensor tensor(type, {512, 50});
-      const std::vector<float> x = normals(512, 2);
+      const std::vector<float> x = normalVector(512, 2);
       std::vector<float> y(50, 0.0f);
       gemvRow(model, &tensor.view, x.data(), y.data());
       expectNear(y, tensor.product(x), 512);
@@ -180,7 +174,7 @@ TEST(GemvRowTest, MultipliesEveryTypeOnEveryTier) {
 TEST(GemvRowTest, AddsToTheOutput) {
   Model model;
   const TestTensor tensor(QuantType::Q6_K, {256, 10});
-  const std::vector<float> x = normals(256, 3);
+  const std::vector<float> x = normalVector(256, 3);
   std::vector<float> once(10, 0.0f);
   gemvRow(model, &tensor.view, x.data(), once.data());
   std::vector<float> y = once;
@@ -192,7 +186,7 @@ TEST(GemvRowTest, AOneDimensionalTensorIsASingleRow) {
   Model model;
   for (const QuantType type : kMatrixTypes) {
     const TestTensor tensor(type, {256});
-    const std::vector<float> x = normals(256, 4);
+    const std::vector<float> x = normalVector(256, 4);
     std::vector<float> y = {1, 7};
     gemvRow(model, &tensor.view, x.data(), y.data());
     EXPECT_NEAR(y[0], 1 + tensor.product(x)[0], 1e-2) << kiv::quantTypeName(type);
@@ -203,7 +197,7 @@ TEST(GemvRowTest, AOneDimensionalTensorIsASingleRow) {
 TEST(GemvRowTest, FourDimensionsAreManyRows) {
   Model model;
   const TestTensor tensor(QuantType::BF16, {9, 2, 3, 4});
-  const std::vector<float> x = normals(9, 5);
+  const std::vector<float> x = normalVector(9, 5);
   std::vector<float> y(24, 0.0f);
   gemvRow(model, &tensor.view, x.data(), y.data());
   expectNear(y, tensor.product(x), 9);
@@ -215,7 +209,7 @@ TEST(GemvRowTest, EightBitRowsOf40ElementsAreOneBlockApart) {
   TestTensor tensor(QuantType::Q8_0, {32, kRows + 1});
   tensor.view.dims[0] = 40;
   tensor.view.dims[1] = kRows;
-  const std::vector<float> x = normals(40, 6);
+  const std::vector<float> x = normalVector(40, 6);
   std::vector<double> expected(kRows);
   for (size_t r = 0; r < kRows; ++r) {
     const auto weights = decodeRow(QuantType::Q8_0, tensor.bytes.data() + 34 * r, 40);
@@ -256,7 +250,7 @@ TEST(GemvRowTest, EveryRowIsComputedOnceWithTheSameBitsForEveryNumberOfThreads) 
     for (const QuantType type : kMatrixTypes) {
       for (const uint64_t rows : {1, 2, 3, 15, 16, 17, 100, 1000}) {
         const TestTensor tensor(type, {256, rows});
-        const std::vector<float> x = normals(256, 7);
+        const std::vector<float> x = normalVector(256, 7);
         std::vector<float> single(rows, 0.0f);
         orbtest::addProduct(*tier, type, tensor.bytes.data(), tensor.bytes.size() / rows, rows, 256,
                             x.data(), single.data());
@@ -301,7 +295,7 @@ class HookTest : public testing::Test {
   }
 
   Hook hook_;
-  std::vector<float> x_ = normals(256, 8);
+  std::vector<float> x_ = normalVector(256, 8);
 };
 
 TEST_F(HookTest, AHookThatAnswersTrueReplacesTheProductOfKQuants) {

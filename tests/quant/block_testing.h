@@ -9,7 +9,7 @@
 
 #include "quant/half.h"
 
-namespace kiv::quant::testing {
+namespace orbtest {
 
 constexpr uint8_t kUntouched = 0xA5;
 constexpr float kUntouchedFloat = -12345.0f;
@@ -19,11 +19,11 @@ constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 inline float halfAt(const std::vector<uint8_t>& bytes, size_t offset) {
   uint16_t bits = 0;
   std::memcpy(&bits, bytes.data() + offset, sizeof bits);
-  return f16ToF32(bits);
+  return kiv::quant::f16ToF32(bits);
 }
 
 inline void setHalf(std::vector<uint8_t>& bytes, size_t offset, float value) {
-  const uint16_t bits = f32ToF16(value);
+  const uint16_t bits = kiv::quant::f32ToF16(value);
   std::memcpy(bytes.data() + offset, &bits, sizeof bits);
 }
 
@@ -62,4 +62,4 @@ inline std::vector<std::vector<float>> hostileRows(size_t n) {
   return rows;
 }
 
-}  // namespace kiv::quant::testing
+}  // namespace orbtest

@@ -13,14 +13,14 @@
 namespace kiv::quant {
 namespace {
 
-using testing::halfAt;
-using testing::hostileRows;
-using testing::kNan;
-using testing::kUntouched;
-using testing::kUntouchedFloat;
-using testing::normalRow;
-using testing::randomBytes;
-using testing::setHalf;
+using orbtest::halfAt;
+using orbtest::hostileRows;
+using orbtest::kNan;
+using orbtest::kUntouched;
+using orbtest::kUntouchedFloat;
+using orbtest::normalRow;
+using orbtest::randomBytes;
+using orbtest::setHalf;
 
 // A guard byte behind the row shows an overrun.
 std::vector<uint8_t> encodeQ40(const std::vector<float>& row) {

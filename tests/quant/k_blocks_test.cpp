@@ -13,13 +13,13 @@
 namespace kiv::quant {
 namespace {
 
-using testing::halfAt;
-using testing::hostileRows;
-using testing::kUntouched;
-using testing::kUntouchedFloat;
-using testing::normalRow;
-using testing::randomBytes;
-using testing::setHalf;
+using orbtest::halfAt;
+using orbtest::hostileRows;
+using orbtest::kUntouched;
+using orbtest::kUntouchedFloat;
+using orbtest::normalRow;
+using orbtest::randomBytes;
+using orbtest::setHalf;
 
 using Row = std::vector<float>;
 using Encoded = std::vector<uint8_t>;
