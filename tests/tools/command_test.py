@@ -407,7 +407,7 @@ class Bench(CommandTest):
 
     def test_the_tier_that_was_asked_for_is_named(self):
         out, _ = self.orb("bench", MODEL, "--isa", "scalar", "--gen-tokens", "2",
-                          "--prompt-tokens", "2", "--json")
+                          "--prompt-tokens", "2", "--contexts", "1", "--json")
         self.assertEqual(json.loads(out)["tier"], "scalar")
 
 
