@@ -3,11 +3,12 @@ JOBS ?= $(shell nproc)
 export CMAKE_BUILD_PARALLEL_LEVEL = $(JOBS)
 export CTEST_PARALLEL_LEVEL = $(JOBS)
 
-.PHONY: help demo test race fuzz coverage soak validate bench windows test-windows dist format clean
+.PHONY: help demo test test-native race fuzz coverage soak validate bench windows test-windows dist format clean
 
 help:
 	@echo 'make demo     install what is missing, build, talk to the bundled demo model'
 	@echo 'make test     every check: format, lint, tests natively, under wine and sanitizers'
+	@echo 'make test-native  the same without Windows'
 	@echo 'make race     the tests under the thread sanitizer'
 	@echo 'make fuzz     the fuzz targets, FUZZ_SECONDS each (60)'
 	@echo 'make coverage lines and branches of reader and tokenizer that the tests reach'
@@ -27,6 +28,9 @@ demo:
 
 test:
 	@scripts/test.sh
+
+test-native:
+	@scripts/test.sh native
 
 race:
 	@scripts/bootstrap.sh all

@@ -108,7 +108,8 @@ class Checkpoint:
         kinds = "".join("l" if f"blk.{i}.ssm_out.weight" in orb.entries else "f" for i in range(32))
         embedding = orb.entries["token_embd.weight"][1]
         ffn = orb.entries["blk.0.ffn_gate.weight"][1][1]
-        made = Checkpoint(embedding[0], ffn, embedding[1], 32, kinds, 16, 32)
+        query_heads = orb.entries[f"blk.{kinds.index('f')}.attn_output.weight"][1][0] // HEAD
+        made = Checkpoint(embedding[0], ffn, embedding[1], 32, kinds, query_heads, 32)
         for name, (_, dims, offset, size) in orb.entries.items():
             begin = orb.sections[5][0] + offset
             array = orb.data[begin:begin + size].view("<f4")

@@ -43,7 +43,7 @@ class RoundTrip(ConvertCase):
     def test_hidden_states_and_text_are_the_same(self):
         original = self.path("synth.orb")
         self.orb("synth", original, "--hidden", "256", "--ffn", "256", "--type", "f32",
-                 "--unshared", "--seed", "11")
+                 "--query-heads", "4", "--unshared", "--seed", "11")
         expected = self.run_model(original)
         self.assertGreater(len(set(expected[1].split())), 2)
         checkpoint = Checkpoint.of_orb(original)
