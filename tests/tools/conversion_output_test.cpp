@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "format/container_builder.h"
 #include "orb/exit_codes.h"
 #include "synth/synth.h"
@@ -26,7 +24,7 @@ class CheckResultTest : public testing::Test {
 
   // What it prints of the file, made `size` bytes long; the bytes behind the model take no space.
   std::string saysOfSize(uint64_t size) {
-    std::filesystem::resize_file(file_.path(), size);
+    file_.resize(size);
     testing::internal::CaptureStdout();
     EXPECT_EQ(checkResult(file_.path(), 1), kOk);
     return testing::internal::GetCapturedStdout();
