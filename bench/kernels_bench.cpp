@@ -125,19 +125,13 @@ struct BatchInputs {
   qwen35::ZeroedArray x = inputs(qwen35::kMaxBatch);
 
   BatchInputs(const KernelTable& tier, QuantType type) {
-    const auto arrange = tier.arrange[static_cast<size_t>(type)];
-    const auto arrangeBatch = tier.arrangeBatch[static_cast<size_t>(type)];
-    if (arrange == nullptr && arrangeBatch == nullptr) return;
+    const auto arrange = tier.arrangeBatch[static_cast<size_t>(type)];
+    if (arrange == nullptr) return;
     width = qwen35::arrangedWidth(kCols);
     qwen35::ZeroedArray arranged;
     arranged.resize(qwen35::kMaxBatch * width);
-    for (size_t t = 0; t < qwen35::kMaxBatch; ++t) {
-      const float* token = x.data() + t * kCols;
-      if (arrangeBatch != nullptr) {
-        arrangeBatch(token, kCols, t, arranged.data(), width);
-      } else {
-        arrange(token, kCols, arranged.data() + t * width);
-      }
+    for (size_t t = 0; t < qwen35::kMaxBatch; t += qwen35::kTokenGroup) {
+      arrange(x.data() + t * kCols, kCols, qwen35::kTokenGroup, kCols, arranged.data() + t * width);
     }
     std::swap(x, arranged);
   }

@@ -1,7 +1,6 @@
 #include "model/weight_rows.h"
 
 #include <algorithm>
-#include <tuple>
 
 #include "model/kernels/kernel_table.h"
 #include "model/numeric_kernels.h"
@@ -42,8 +41,11 @@ void lookUp(Model& model, Product& product) {
   const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
   product.gemv = kernels.gemv[static_cast<size_t>(type)];
   product.gemm = kernels.gemm[static_cast<size_t>(type)];
-  product.arrange = kernels.arrange[static_cast<size_t>(type)];
-  if (model.work.isBatch) product.arrangeBatch = kernels.arrangeBatch[static_cast<size_t>(type)];
+  if (model.work.isBatch) {
+    product.arrangeBatch = kernels.arrangeBatch[static_cast<size_t>(type)];
+  } else {
+    product.arrange = kernels.arrange[static_cast<size_t>(type)];
+  }
   product.arranged = product.x;
   product.arrangedStride = product.xStride;
   if (!model.work.isBatch && hasHook(model) && isSuperBlock(type)) {
@@ -51,27 +53,41 @@ void lookUp(Model& model, Product& product) {
   }
 }
 
-// Those who share a type share the arranged input too.
+bool isArranged(const Product& product) {
+  return !product.done && (product.arrange != nullptr || product.arrangeBatch != nullptr);
+}
+
+void arrangeInput(Model& model, const Product& product, TokenRows& rows) {
+  const size_t cols = product.W->dims[0];
+  if (product.arrange != nullptr) return product.arrange(product.x, cols, rows.data());
+  model.team.forEach((product.tokens + kTokenGroup - 1) / kTokenGroup, [&](size_t group) {
+    const size_t first = group * kTokenGroup;
+    product.arrangeBatch(product.x + first * product.xStride, product.xStride,
+                         std::min(product.tokens - first, kTokenGroup), cols, rows.row(first));
+  });
+}
+
+// Those whose kernels take the same form share the arranged input.
 void arrangeInputs(Model& model, std::span<Product> products) {
-  uint64_t done[std::tuple_size_v<decltype(Workspace::arranged)>] = {};  // elements, by type
-  for (Product& product : products) {
-    if (product.done || (product.arrange == nullptr && product.arrangeBatch == nullptr)) continue;
-    const kiv::TensorView& W = *product.W;
-    const uint64_t cols = W.dims[0];
-    TokenRows& rows = model.work.arranged[W.type];
+  for (size_t p = 0; p < products.size(); ++p) {
+    Product& product = products[p];
+    if (!isArranged(product)) continue;
+    const uint64_t cols = product.W->dims[0];
+    const auto servesIt = [&](const Product& other) {
+      return isArranged(other) && other.arrange == product.arrange &&
+             other.arrangeBatch == product.arrangeBatch && other.W->dims[0] >= cols;
+    };
+    const auto before = products.first(p);
+    if (const auto same = std::ranges::find_if(before, servesIt); same != before.end()) {
+      product.arranged = same->arranged;
+      product.arrangedStride = same->arrangedStride;
+      continue;
+    }
+    TokenRows& rows = model.work.arranged[product.W->type];
     if (rows.width() < arrangedWidth(cols)) rows.resizeRows(arrangedWidth(cols));
     product.arranged = rows.data();
     product.arrangedStride = rows.width();
-    if (done[W.type] >= cols) continue;
-    done[W.type] = cols;
-    model.team.forEach(product.tokens, [&](size_t t) {
-      const float* x = product.x + t * product.xStride;
-      if (product.arrangeBatch != nullptr) {
-        product.arrangeBatch(x, cols, t, rows.data(), rows.width());
-      } else {
-        product.arrange(x, cols, rows.row(t));
-      }
-    });
+    arrangeInput(model, product, rows);
   }
 }
 

@@ -53,9 +53,9 @@ struct Product {
   size_t rowBytes = 0;
   GemvKernel gemv = nullptr;
   GemmKernel gemm = nullptr;
-  ArrangeKernel arrange = nullptr;
-  ArrangeBatchKernel arrangeBatch = nullptr;  // takes the place of arrange
-  const float* arranged = nullptr;            // x in the form that the kernels take
+  ArrangeKernel arrange = nullptr;  // of one token, or of a batch; null for inputs as they come
+  ArrangeBatchKernel arrangeBatch = nullptr;
+  const float* arranged = nullptr;  // x in the form that the kernels take
   size_t arrangedStride = 0;
 
   Product(const kiv::TensorView* weights, const TokenRows& input, TokenRows& output, size_t count)

@@ -44,17 +44,23 @@ inline size_t arrangedWidth(const qwen35::KernelTable& tier, kiv::QuantType type
   return arrangesInputs(tier, type) ? (cols + 255) / 256 * qwen35::kArrangedBlock : cols;
 }
 
-// Puts the inputs of one token of a batch where gemm, or those of the only one where gemv reads
-// them; the tokens have `stride` floats each.
+// Puts the inputs of tokens, token t at x + t * xStride, where gemm, or those of the only one where
+// gemv reads them; they have `stride` floats each there.
 inline void arrange(const qwen35::KernelTable& tier, kiv::QuantType type, Kernels kernels,
-                    const float* x, size_t cols, size_t token, float* out, size_t stride) {
+                    const float* x, size_t xStride, size_t cols, size_t tokens, float* out,
+                    size_t stride) {
   const auto index = static_cast<size_t>(type);
-  if (kernels == Kernels::Batch && tier.arrangeBatch[index] != nullptr) {
-    tier.arrangeBatch[index](x, cols, token, out, stride);
-  } else if (tier.arrange[index] != nullptr) {
-    tier.arrange[index](x, cols, out + token * stride);
-  } else {
-    std::copy_n(x, cols, out + token * stride);
+  const qwen35::ArrangeBatchKernel arrangeBatch = tier.arrangeBatch[index];
+  const bool isGroup = kernels == Kernels::Batch && arrangeBatch != nullptr;
+  const size_t step = isGroup ? qwen35::kTokenGroup : 1;
+  for (size_t t = 0; t < tokens; t += step, x += step * xStride, out += step * stride) {
+    if (isGroup) {
+      arrangeBatch(x, xStride, std::min(tokens - t, step), cols, out);
+    } else if (kernels == Kernels::OneToken && tier.arrange[index] != nullptr) {
+      tier.arrange[index](x, cols, out);
+    } else {
+      std::copy_n(x, cols, out);
+    }
   }
 }
 
@@ -74,9 +80,7 @@ inline std::vector<float> arranged(const qwen35::KernelTable& tier, kiv::QuantTy
                                    Kernels kernels, const float* x, size_t cols, size_t tokens,
                                    size_t stride) {
   std::vector<float> out = roomForInputs(tier, type, kernels, cols, tokens, stride);
-  for (size_t t = 0; t < tokens; ++t) {
-    arrange(tier, type, kernels, x + t * cols, cols, t, out.data(), stride);
-  }
+  arrange(tier, type, kernels, x, cols, cols, tokens, out.data(), stride);
   return out;
 }
 

@@ -94,8 +94,7 @@ inline __m512 loadInputs(const float* x, size_t cols, size_t at) {
 }
 
 template <typename Type>
-void arrange(const float* x, size_t cols, size_t token, float* out, size_t stride) {
-  out += token / kSide * kSide * stride + token % kSide * kSide;
+void arrangeToken(const float* x, size_t cols, float* out) {
   for (size_t tile = 0; tile * kTileCols < cols; ++tile, out += kInputTile) {
     const size_t panel = tile / kPanelTiles * kPanelCols;
     const __m512 first = loadInputs(x, cols, panel + Type::half(tile % kPanelTiles, 0));
@@ -108,6 +107,11 @@ void arrange(const float* x, size_t cols, size_t token, float* out, size_t strid
   }
 }
 
+template <typename Type>
+void arrange(const float* x, size_t xStride, size_t tokens, size_t cols, float* out) {
+  for (size_t t = 0; t < tokens; ++t) arrangeToken<Type>(x + t * xStride, cols, out + t * kSide);
+}
+
 // Rows that go through the columns together: the inputs of a panel of columns stay in the core's
 // caches while every sixteen rows read them.
 constexpr size_t kRowsAtOnce = 128;
@@ -118,7 +122,7 @@ struct Work {
   WeightTile tiles[2];  // one is multiplied with while the other is made
   typename Type::Panel panel;
   alignas(64) float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];  // [sixteen rows][token][row]
-  uint8_t filled[kSide * kPanelCols / Type::kElements * Type::kBytes];  // rows made up to sixteen
+  FilledPanel<Type> filled;
 };
 
 // The tiles of up to kRowsAtOnce rows in the order in which they are multiplied: panel of columns
@@ -127,24 +131,25 @@ template <typename Type>
 class TileSequence {
  public:
   TileSequence(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, Work<Type>& work)
-      : work_(work), rows_(rows), rowBytes_(rowBytes), rowCount_(rowCount), cols_(cols) {}
+      : work_(work),
+        rows_(rows),
+        rowBytes_(rowBytes),
+        rowCount_(rowCount),
+        cols_(cols),
+        source_(rows, rowBytes) {}
 
   // Tiles of the panel that begins at column `first`.
-  size_t tilesAt(size_t first) const {
-    return cols_ - first < kPanelCols ? (cols_ - first + kTileCols - 1) / kTileCols : kPanelTiles;
-  }
+  size_t tilesAt(size_t first) const { return tilesOf(cols_ - first); }
 
-  // The maker of the next tile; after the last one, of any.
-  TileMaker<Type> next() {
+  // The next tile; after the last one, any.
+  Type next() {
     if (tile_ == 0) openPanel();
-    const TileMaker<Type> maker(Rows(at_, stride_), work_.panel, tile_);
+    const Type weights(source_, work_.panel, tile_);
     if (++tile_ == tilesAt(column_)) advance();
-    return maker;
+    return weights;
   }
 
  private:
-  static constexpr size_t kPanelBytes = kPanelCols / Type::kElements * Type::kBytes;
-
   void advance() {
     tile_ = 0;
     row_ += kSide;
@@ -154,34 +159,13 @@ class TileSequence {
   }
 
   void openPanel() {
-    at_ = rows_ + row_ * rowBytes_ + column_ / kPanelCols * kPanelBytes;
-    stride_ = rowBytes_;
-    prefetchNext();
-    const size_t tiles = tilesAt(column_);
-    if (rowCount_ - row_ < kSide || cols_ - column_ < tiles * kTileCols) fillUp();
-    Type::open(Rows(at_, stride_), work_.panel);
-  }
-
-  // Zeros for what is missing of the rows and of their last tile.
-  void fillUp() {
-    const size_t left = cols_ - column_ < kPanelCols ? cols_ - column_ : kPanelCols;
-    const size_t bytes = left * Type::kBytes / Type::kElements;
-    const size_t count = rowCount_ - row_ < kSide ? rowCount_ - row_ : kSide;
-    __builtin_memset(work_.filled, 0, sizeof work_.filled);
-    for (size_t r = 0; r < count; ++r) {
-      __builtin_memcpy(work_.filled + r * kPanelBytes, at_ + r * rowBytes_, bytes);
-    }
-    at_ = work_.filled;
-    stride_ = kPanelBytes;
-  }
-
-  // Asks for the same rows' next panel of columns, or for the rows that come after these all.
-  void prefetchNext() const {
+    const uint8_t* at = rows_ + row_ * rowBytes_ + column_ / kPanelCols * panelBytes<Type>();
+    // The same rows' next panel of columns, or the rows that come after these all.
     const bool isLast = column_ + kPanelCols >= cols_;
-    const uint8_t* next = isLast ? rows_ + (rowCount_ + row_) * rowBytes_ : at_ + kPanelBytes;
-    for (size_t r = 0; r < kSide; ++r, next += rowBytes_) {
-      for (size_t i = 0; i < kPanelBytes; i += 64) __builtin_prefetch(next + i, 0, 2);
-    }
+    prefetchPanel<Type>(isLast ? rows_ + (rowCount_ + row_) * rowBytes_ : at + panelBytes<Type>(),
+                        rowBytes_);
+    source_ = rowsOfPanel(at, rowBytes_, rowCount_ - row_, cols_ - column_, work_.filled);
+    Type::open(source_, work_.panel);
   }
 
   Work<Type>& work_;
@@ -192,8 +176,7 @@ class TileSequence {
   size_t row_ = 0;
   size_t column_ = 0;
   size_t tile_ = 0;
-  const uint8_t* at_ = nullptr;  // of the panel's first row, stride_ bytes from row to row
-  size_t stride_ = 0;
+  RowBytes<Vector> source_;  // of the panel
 };
 
 // The sums of a tile of tokens, and its inputs times the weights' tile, both limbs of them.
@@ -263,17 +246,18 @@ void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t 
   const TokenTiles tokens(batch.tokens, batch.xStride);
   TileSequence<Type> sequence(rows, rowBytes, rowCount, cols, work);
   size_t turn = 0;
-  const TileMaker<Type> first = sequence.next();
-  for (size_t q = 0; q < 4; ++q) first.quarter(q, work.tiles[turn]);
+  const Type first = sequence.next();
+  for (size_t q = 0; q < 4; ++q) makeQuarter(first, q, work.tiles[turn]);
   const float* x = batch.x;
   for (size_t column = 0; column < cols; column += kPanelCols) {
     const size_t tiles = sequence.tilesAt(column);
     for (size_t r = 0; r < rowCount; r += kSide) {
       tokens.load(work.acc[r / kSide]);
       for (size_t i = 0; i < tiles; ++i, turn ^= 1) {
-        const TileMaker<Type> maker = sequence.next();
-        tokens.multiply<kIsExact<Type>>(x + i * kInputTile, work.tiles[turn],
-                                        [&](size_t q) { maker.quarter(q, work.tiles[turn ^ 1]); });
+        const Type weights = sequence.next();
+        tokens.multiply<kIsExact<Type>>(x + i * kInputTile, work.tiles[turn], [&](size_t q) {
+          makeQuarter(weights, q, work.tiles[turn ^ 1]);
+        });
       }
       tokens.store(work.acc[r / kSide]);
     }
@@ -311,12 +295,12 @@ void use(KernelTable& table, size_t type) {
 
 void addTileKernels(KernelTable& table) {
   table.name = "amx";
-  table.requiredFeatures |= 0x4;  // compat::kCpuAmx
-  use<Bf16>(table, 2);            // by kiv::QuantType
-  use<Q80>(table, 4);
-  use<Q4k>(table, 5);
-  use<Q5k>(table, 6);
-  use<Q6k>(table, 7);
+  table.requiredFeatures |= 0x4;    // compat::kCpuAmx
+  use<Bf16Rows<Vector>>(table, 2);  // by kiv::QuantType
+  use<Q80Rows<Vector>>(table, 4);
+  use<Q4kRows<Vector>>(table, 5);
+  use<Q5kRows<Vector>>(table, 6);
+  use<Q6kRows<Vector>>(table, 7);
 }
 
 }  // namespace qwen35

@@ -7,6 +7,7 @@
 #include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
 #include "model/kernels/plain_products.h"
+#include "model/kernels/products.h"
 
 namespace qwen35 {
 namespace {
@@ -39,41 +40,56 @@ inline float total(__m256 v) {
   return _mm_cvtss_f32(s);
 }
 
+// See model/kernels/lane_weights.h.
 struct Vector {
   using Float = __m256;
+  using Int = __m256i;
   static constexpr size_t kWidth = 8;
-  static constexpr size_t kTileRows = 4;
+  static constexpr size_t kTileTokens = 6;
 
   static Float zero() { return _mm256_setzero_ps(); }
+  static Float each(float value) { return _mm256_set1_ps(value); }
   static Float load(const float* at) { return _mm256_loadu_ps(at); }
-  static Float loadAligned(const float* at) { return _mm256_load_ps(at); }
-  static void store(float* at, Float v) { _mm256_store_ps(at, v); }
+  static void store(float* at, Float v) { _mm256_storeu_ps(at, v); }
+  static Float add(Float a, Float b) { return _mm256_add_ps(a, b); }
   static Float mul(Float a, Float b) { return _mm256_mul_ps(a, b); }
   static Float fma(Float a, Float b, Float c) { return _mm256_fmadd_ps(a, b, c); }
-  // Keeps a value that several products use in its register: GCC would load it again for each.
   static void keep(Float& v) { __asm__("" : "+x"(v)); }
   static float total(Float v) { return qwen35::total(v); }
-  static void addTotals(const float* acc, float* y) {
-    const Float first = addQuarters(addHalves(acc), addHalves(acc + 2 * kWidth));
-    const Float last = addQuarters(addHalves(acc + 4 * kWidth), addHalves(acc + 6 * kWidth));
-    const Float sums =
-        _mm256_add_ps(_mm256_shuffle_ps(first, last, 0x44), _mm256_shuffle_ps(first, last, 0xee));
-    const __m256i order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
-    const Float totals = _mm256_permutevar8x32_ps(sums, order);
-    _mm256_storeu_ps(y, _mm256_add_ps(_mm256_loadu_ps(y), totals));
+
+  static Int eachInt(int value) { return _mm256_set1_epi32(value); }
+  static Int eachByte(int value) { return _mm256_set1_epi8(static_cast<char>(value)); }
+  static Int bitAnd(Int a, Int b) { return _mm256_and_si256(a, b); }
+  static Int bitXor(Int a, Int b) { return _mm256_xor_si256(a, b); }
+  static Int join(Int a, int maskA, Int b, int maskB) {
+    return _mm256_or_si256(bitAnd(a, eachByte(maskA)), bitAnd(b, eachByte(maskB)));
+  }
+  static Int left(Int a, int bits) { return _mm256_slli_epi32(a, bits); }
+  static Int right(Int a, int bits) { return _mm256_srli_epi32(a, bits); }
+  static Int rightSigned(Int a, int bits) { return _mm256_srai_epi32(a, bits); }
+  static Int moveBits(Int a, size_t from, size_t to) {
+    const auto count = [](size_t bits) { return _mm_cvtsi32_si128(static_cast<int>(bits)); };
+    return from > to ? _mm256_srl_epi32(a, count(from - to))
+                     : _mm256_sll_epi32(a, count(to - from));
+  }
+  static Float toFloat(Int a) { return _mm256_cvtepi32_ps(a); }
+  static Float asFloat(Int a) { return _mm256_castsi256_ps(a); }
+  static Float widenHalves(const uint16_t* at) {
+    return _mm256_cvtph_ps(load16(reinterpret_cast<const uint8_t*>(at)));
+  }
+  static Float widenLowHalves(Int a) {
+    a = bitAnd(a, eachInt(0xffff));
+    return _mm256_cvtph_ps(
+        _mm_packus_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1)));
   }
 
- private:
-  // Of two registers in memory: four lanes each.
-  static Float addHalves(const float* at) {
-    const Float a = loadAligned(at);
-    const Float b = loadAligned(at + kWidth);
-    return _mm256_add_ps(_mm256_permute2f128_ps(a, b, 0x20), _mm256_permute2f128_ps(a, b, 0x31));
+  static Int fromQuarters(const __m128i (&quarters)[2]) {
+    return _mm256_inserti128_si256(_mm256_castsi128_si256(quarters[0]), quarters[1], 1);
   }
-  // Of two such pairs: two lanes each.
-  static Float addQuarters(Float a, Float b) {
-    return _mm256_add_ps(_mm256_unpacklo_ps(a, b), _mm256_unpackhi_ps(a, b));
-  }
+  static Int unpackLow32(Int a, Int b) { return _mm256_unpacklo_epi32(a, b); }
+  static Int unpackHigh32(Int a, Int b) { return _mm256_unpackhi_epi32(a, b); }
+  static Int unpackLow64(Int a, Int b) { return _mm256_unpacklo_epi64(a, b); }
+  static Int unpackHigh64(Int a, Int b) { return _mm256_unpackhi_epi64(a, b); }
 };
 
 // Decoders (model/kernels/plain_products.h). The weights are those of the block's formula, exactly.
@@ -458,12 +474,14 @@ const KernelTable kAvx2Kernels = {
     .gemv = {PlainProducts<F32Decoder>::gemv, nullptr, PlainProducts<Bf16Decoder>::gemv, nullptr,
              PlainProducts<Q80Decoder>::gemv, KProducts<Q4k>::gemv, KProducts<Q5k>::gemv,
              KProducts<Q6k>::gemv, nullptr},
-    .gemm = {BatchedProduct<PlainProducts<F32Decoder>>::gemm, nullptr,
-             BatchedProduct<PlainProducts<Bf16Decoder>>::gemm, nullptr,
-             BatchedProduct<PlainProducts<Q80Decoder>>::gemm, BatchedProduct<KProducts<Q4k>>::gemm,
-             BatchedProduct<KProducts<Q5k>>::gemm, BatchedProduct<KProducts<Q6k>>::gemm, nullptr},
+    .gemm = {BatchedProduct<F32Rows<Vector>>::gemm, nullptr, BatchedProduct<Bf16Rows<Vector>>::gemm,
+             nullptr, BatchedProduct<Q80Rows<Vector>>::gemm, BatchedProduct<Q4kRows<Vector>>::gemm,
+             BatchedProduct<Q5kRows<Vector>>::gemm, BatchedProduct<Q6kRows<Vector>>::gemm, nullptr},
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
+    .arrangeBatch = {arrangeGroup<Vector>, nullptr, arrangeGroup<Vector>, nullptr,
+                     arrangeGroup<Vector>, arrangeGroup<Vector>, arrangeGroup<Vector>,
+                     arrangeGroup<Vector>, nullptr},
     .dot = dot,
     .silu = apply<siluOf>,
     .sigmoid = apply<sigmoidOf>,

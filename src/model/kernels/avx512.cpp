@@ -7,6 +7,8 @@
 #include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
 #include "model/kernels/plain_products.h"
+#include "model/kernels/products.h"
+#include "model/kernels/vector_avx512.h"
 
 namespace qwen35 {
 namespace {
@@ -28,44 +30,6 @@ inline __m256i load32(const uint8_t* at) {
 }
 
 inline __mmask16 firstLanes(size_t n) { return static_cast<__mmask16>((1u << n) - 1); }
-
-struct Vector {
-  using Float = __m512;
-  static constexpr size_t kWidth = 16;
-  static constexpr size_t kTileRows = 8;
-
-  static Float zero() { return _mm512_setzero_ps(); }
-  static Float load(const float* at) { return _mm512_loadu_ps(at); }
-  static Float loadAligned(const float* at) { return _mm512_load_ps(at); }
-  static void store(float* at, Float v) { _mm512_store_ps(at, v); }
-  static Float mul(Float a, Float b) { return _mm512_mul_ps(a, b); }
-  static Float fma(Float a, Float b, Float c) { return _mm512_fmadd_ps(a, b, c); }
-  // Keeps a value that several products use in its register: GCC would load it again for each.
-  static void keep(Float& v) { __asm__("" : "+v"(v)); }
-  // Lanes i and i + 8 first, then i and i + 4, i + 2, i + 1.
-  static float total(Float v) { return _mm512_reduce_add_ps(v); }
-  static void addTotals(const float* acc, float* y) {
-    const Float low = addQuarters(addHalves(acc), addHalves(acc + 2 * kWidth));
-    const Float high = addQuarters(addHalves(acc + 4 * kWidth), addHalves(acc + 6 * kWidth));
-    Float sums = _mm512_add_ps(_mm512_unpacklo_ps(low, high), _mm512_unpackhi_ps(low, high));
-    sums = _mm512_add_ps(sums, _mm512_permute_ps(sums, 0x4e));
-    const __m512i order = _mm512_setr_epi32(0, 4, 8, 12, 1, 5, 9, 13, 0, 0, 0, 0, 0, 0, 0, 0);
-    const __m256 totals = _mm512_castps512_ps256(_mm512_permutexvar_ps(order, sums));
-    _mm256_storeu_ps(y, _mm256_add_ps(_mm256_loadu_ps(y), totals));
-  }
-
- private:
-  // Of two registers in memory: eight lanes each.
-  static Float addHalves(const float* at) {
-    const Float a = loadAligned(at);
-    const Float b = loadAligned(at + kWidth);
-    return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, 0x44), _mm512_shuffle_f32x4(a, b, 0xee));
-  }
-  // Of two such pairs: four lanes each.
-  static Float addQuarters(Float a, Float b) {
-    return _mm512_add_ps(_mm512_shuffle_f32x4(a, b, 0x88), _mm512_shuffle_f32x4(a, b, 0xdd));
-  }
-};
 
 // Decoders (model/kernels/plain_products.h). The weights are those of the block's formula, exactly.
 
@@ -435,12 +399,14 @@ const KernelTable kAvx512Kernels = {
     .gemv = {PlainProducts<F32Decoder>::gemv, nullptr, PlainProducts<Bf16Decoder>::gemv, nullptr,
              PlainProducts<Q80Decoder>::gemv, KProducts<Q4k>::gemv, KProducts<Q5k>::gemv,
              KProducts<Q6k>::gemv, nullptr},
-    .gemm = {BatchedProduct<PlainProducts<F32Decoder>>::gemm, nullptr,
-             BatchedProduct<PlainProducts<Bf16Decoder>>::gemm, nullptr,
-             BatchedProduct<PlainProducts<Q80Decoder>>::gemm, BatchedProduct<KProducts<Q4k>>::gemm,
-             BatchedProduct<KProducts<Q5k>>::gemm, BatchedProduct<KProducts<Q6k>>::gemm, nullptr},
+    .gemm = {BatchedProduct<F32Rows<Vector>>::gemm, nullptr, BatchedProduct<Bf16Rows<Vector>>::gemm,
+             nullptr, BatchedProduct<Q80Rows<Vector>>::gemm, BatchedProduct<Q4kRows<Vector>>::gemm,
+             BatchedProduct<Q5kRows<Vector>>::gemm, BatchedProduct<Q6kRows<Vector>>::gemm, nullptr},
     .arrange = {nullptr, nullptr, nullptr, nullptr, nullptr, KProducts<Q4k>::arrange,
                 KProducts<Q5k>::arrange, KProducts<Q6k>::arrange, nullptr},
+    .arrangeBatch = {arrangeGroup<Vector>, nullptr, arrangeGroup<Vector>, nullptr,
+                     arrangeGroup<Vector>, arrangeGroup<Vector>, arrangeGroup<Vector>,
+                     arrangeGroup<Vector>, nullptr},
     .dot = dot,
     .silu = silu,
     .sigmoid = sigmoid,

@@ -1,5 +1,6 @@
-// Products with K-quant weights, shared by the vector tiers. A tier brings one struct for each type
-// that says how a block of 256 weights comes apart; the loops around it are written here once.
+// Products of one token with K-quant weights, shared by the vector tiers. A tier brings one struct
+// for each type that says how a block of 256 weights comes apart; the loops around it are written
+// here once.
 //
 // The codes stay where they lie in the block's bytes: a mask and a conversion turn sixteen (eight)
 // of them into floats, each too large by a power of two that is known beforehand. So the input is
@@ -8,14 +9,13 @@
 //
 //   row . x = sum over blocks of  sum over groups of  scales . (codes . x)  -  minimums . sums
 //
-// where the sums are those of each sub-block's inputs. In batches the codes are multiplied with
-// their scales as they are decoded, once for all tokens.
+// where the sums are those of each sub-block's inputs.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
 //
 //   struct Block {
-//     using Vector = ...;                    // see model/kernels/products.h
+//     using Vector = ...;                    // see model/kernels/lane_weights.h
 //     static constexpr size_t kBytes;        // of a block in the file
 //     static constexpr size_t kGroups;       // groups of equal numbers of registers
 //     static constexpr size_t kMinimums;      // sub-blocks with a minimum, in element order
@@ -35,7 +35,7 @@
 #include <cstdint>
 
 #include "model/kernels/kernels.h"
-#include "model/kernels/products.h"
+#include "model/kernels/prefetch.h"
 
 namespace qwen35 {
 namespace {
@@ -95,36 +95,6 @@ struct KProducts {
     } else {
       dotGroups<Block::kRowsAtOnce, Rows::Long>(rows, rowBytes, rowCount, cols, x, y);
     }
-  }
-
-  // A decoded block: its weights but for their minimums, then these, which multiply the sums.
-  static constexpr size_t kLine = kBatchRows * kWidth;
-  static constexpr size_t kBlockLines = kRegisters + kOffsets;
-  static constexpr size_t kDecodedLines = kBatchCols / kElements * kBlockLines;
-
-  static constexpr size_t inputAt(size_t column) { return column / kElements * kArrangedBlock; }
-
-  static size_t byteAt(size_t column) { return column / kElements * Block::kBytes; }
-
-  static void decode(const uint8_t* block, size_t count, float* out) {
-    for (; count >= kElements; count -= kElements, block += Block::kBytes) {
-      decodeBlock(block, out);
-      out += kBlockLines * kLine;
-    }
-  }
-
-  template <size_t kTokens>
-  static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
-                           float* acc) {
-    Tile<Vector, kTokens> tile;
-    tile.load(acc);
-    for (; count >= kElements; count -= kElements, x += kArrangedBlock) {
-      for (size_t i = 0; i < kBlockLines; ++i, weights += kLine) {
-        tile.prefetchNext(x + i * kWidth, xStride);
-        tile.add(weights, x + i * kWidth, xStride);
-      }
-    }
-    tile.store(acc);
   }
 
  private:
@@ -233,22 +203,6 @@ struct KProducts {
       }
 #pragma GCC unroll 4
       for (size_t r = 0; r < kRows; ++r) acc[r] = Vector::fma(sum[r], blocks[r].scale(g), acc[r]);
-    }
-  }
-
-  static void decodeBlock(const uint8_t* bytes, float* out) {
-    const Block block(bytes);
-#pragma GCC unroll 8
-    for (size_t g = 0; g < Block::kGroups; ++g) {
-      const Float scale = block.scale(g);
-#pragma GCC unroll 8
-      for (size_t i = 0; i < kPerGroup; ++i, out += kLine) {
-        Vector::store(out, Vector::mul(block.codes(g * kPerGroup + i), scale));
-      }
-    }
-    if constexpr (kOffsets != 0) {
-#pragma GCC unroll 2
-      for (size_t i = 0; i < kOffsets; ++i, out += kLine) Vector::store(out, block.minimums(i));
     }
   }
 };

@@ -10,9 +10,8 @@
 // part by part: where it cancels, the bound holds for the magnitudes of the parts.
 //
 // Tier files are built with -m flags and include nothing but <cstddef>, <cstdint>, the intrinsics
-// header, this one, those of products (products.h, plain_products.h, k_products.h) and
-// tile_weights.h, so that no inline function compiled with wide instructions can replace the
-// baseline copy of the program.
+// header, this one and the others of this folder, so that no inline function compiled with wide
+// instructions can replace the baseline copy of the program.
 #pragma once
 
 #include <cstddef>
@@ -27,10 +26,10 @@ using ArrangeKernel = void (*)(const float* x, size_t cols, float* out);
 
 inline constexpr size_t kArrangedBlock = 256 + 16;
 
-// The same for a token of a batch, whose tokens have `stride` floats each from `out` on. A kernel
-// may mingle kTokenGroup tokens: `out` has room for whole groups.
-using ArrangeBatchKernel = void (*)(const float* x, size_t cols, size_t token, float* out,
-                                    size_t stride);
+// The same for a group of 1 to kTokenGroup tokens of a batch, token t at x + t * xStride. The form
+// mingles them: `out` has room for a whole group, kTokenGroup times what one token takes.
+using ArrangeBatchKernel = void (*)(const float* x, size_t xStride, size_t tokens, size_t cols,
+                                    float* out);
 
 inline constexpr size_t kTokenGroup = 16;
 
@@ -42,7 +41,7 @@ using GemvKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCoun
 
 // The inputs and results of a product over several tokens.
 struct Batch {
-  const float* x;  // token t at x + t * xStride, as GemvKernel takes it; or as arrangeBatch says
+  const float* x;  // token t at x + t * xStride; a group of arrangeBatch at its first token's
   size_t xStride;
   float* y;  // token t at y + t * yStride, one float a row; added to
   size_t yStride;
@@ -51,14 +50,12 @@ struct Batch {
 };
 
 inline constexpr size_t kMaxBatch = 64;
-inline constexpr size_t kBatchRows = 8;    // rows that a batched product decodes together
-inline constexpr size_t kBatchCols = 256;  // elements of each that stay in the nearest cache
-// Decoded weights and accumulators for every token, of whichever tier needs most.
-inline constexpr size_t kBatchScratch = 72 * 1024;
+// Decoded weights, or sums of every token, of whichever tier needs most.
+inline constexpr size_t kBatchScratch = 16 * 1024;
 
 // As GemvKernel for every token of the batch. What comes of a token has the same bits whatever the
-// other tokens and their number. They are those of GemvKernel where both take their inputs as they
-// come; else the two differ by rounding.
+// other tokens and their number. They are those of GemvKernel where the table has no form of its
+// own for batches; else the two differ by rounding.
 using GemmKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                             const Batch& batch);
 
@@ -93,9 +90,9 @@ struct KernelTable {
   // By kiv::QuantType; null for the types that no matrix may have.
   GemvKernel gemv[9];
   GemmKernel gemm[9];
-  // The form of the inputs; null as well for types whose kernels take inputs as they come.
+  // The form of gemv's inputs; null as well for types whose kernels take inputs as they come.
   ArrangeKernel arrange[9];
-  // The form that gemm's inputs have instead, where there is one.
+  // The form that gemm's inputs have; where it is null they are as they come.
   ArrangeBatchKernel arrangeBatch[9];
 
   float (*dot)(const float* a, const float* b, size_t n);

@@ -1,14 +1,14 @@
-// Products with weights of F32, BF16 and Q8_0, shared by the vector tiers. A tier brings one
-// decoder for each type; the loops around it are written here once.
+// Products of one token with weights of F32, BF16 and Q8_0, shared by the vector tiers. A tier
+// brings one decoder for each type; the loops around it are written here once.
 //
-// Every (row, token) pair has one accumulator that takes the row's registers in order, so its bits
-// depend on nothing but the row and the input.
+// Every row has one accumulator that takes its registers in order, so its bits depend on nothing
+// but the row and the input.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
 //
 //   struct Decoder {                        // of one block of weights
-//     using Vector = ...;                   // see model/kernels/products.h
+//     using Vector = ...;                   // see model/kernels/lane_weights.h
 //     static constexpr size_t kElements;    // of a block
 //     static constexpr size_t kBytes;
 //     static constexpr size_t kElementBytes;  // where a row may end inside a block, which then is
@@ -22,7 +22,7 @@
 #include <cstdint>
 
 #include "model/kernels/kernels.h"
-#include "model/kernels/products.h"
+#include "model/kernels/prefetch.h"
 
 namespace qwen35 {
 namespace {
@@ -39,8 +39,6 @@ struct PlainProducts {
   using Float = typename Vector::Float;
 
   static constexpr size_t kWidth = Vector::kWidth;
-  static constexpr size_t kLine = kBatchRows * kWidth;
-  static constexpr size_t kDecodedLines = kBatchCols / kWidth;
 
   static void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                    const float* x, float* y) {
@@ -67,48 +65,11 @@ struct PlainProducts {
                            left * Decoder::kElementBytes);
         const Tail input(x, left * sizeof(float));
         Decoder{weights.bytes}.decode([&](size_t, Float w) {
-          acc[r] = Vector::fma(w, Vector::loadAligned(input.floats()), acc[r]);
+          acc[r] = Vector::fma(w, Vector::load(input.floats()), acc[r]);
         });
       }
     }
     for (size_t r = 0; r < kRows; ++r) y[r] += Vector::total(acc[r]);
-  }
-
-  static constexpr size_t inputAt(size_t column) { return column; }
-
-  static size_t byteAt(size_t column) { return column / Decoder::kElements * Decoder::kBytes; }
-
-  static void decode(const uint8_t* block, size_t count, float* out) {
-    for (; count >= Decoder::kElements; count -= Decoder::kElements, block += Decoder::kBytes) {
-      Decoder{block}.decode([&](size_t i, Float w) { Vector::store(out + kLine * i, w); });
-      out += Decoder::kElements / kWidth * kLine;
-    }
-    if constexpr (HasTail<Decoder>) {
-      if (count == 0) return;
-      const Tail tail(block, count * Decoder::kElementBytes);
-      Decoder{tail.bytes}.decode([&](size_t, Float w) { Vector::store(out, w); });
-    }
-  }
-
-  template <size_t kTokens>
-  static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
-                           float* acc) {
-    Tile<Vector, kTokens> tile;
-    tile.load(acc);
-    for (; count >= kWidth; count -= kWidth, x += kWidth, weights += kLine) {
-      tile.prefetchNext(x, xStride);
-      tile.add(weights, x, xStride);
-    }
-    if constexpr (HasTail<Decoder>) {
-      if (count != 0) {
-        alignas(64) float inputs[kTokens][kWidth] = {};
-        for (size_t t = 0; t < kTokens; ++t) {
-          __builtin_memcpy(inputs[t], x + t * xStride, count * sizeof(float));
-        }
-        tile.add(weights, inputs[0], kWidth);
-      }
-    }
-    tile.store(acc);
   }
 
  private:

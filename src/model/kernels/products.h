@@ -1,181 +1,169 @@
-// What the vector tiers' products share, whatever the type of the weights: the way of a batch
-// through the rows, the columns and the caches.
+// Products of a batch, shared by the vector tiers, whatever the type of the weights.
 //
-// kBatchRows rows are decoded a chunk of columns at a time, and a tile of a few rows and tokens has
-// its sums in registers. Every (row, token) pair has one accumulator, which takes the columns in
-// their order, so that its bits do not depend on the other rows and tokens.
+// A panel of some rows and 256 columns is decoded into the nearest cache. A tile of it, two
+// registers of rows, and of a few tokens has its sums in registers: each input is broadcast to
+// them. Every (row, token) pair takes the columns in their order, a panel's sum by itself, so that
+// its bits do not depend on the other rows and tokens.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
-//
-//   struct Vector {                         // registers of a tier
-//     using Float = ...;
-//     static constexpr size_t kWidth;       // floats of one register
-//     static constexpr size_t kTileRows;    // with kTileTokens, what the register file holds
-//     static Float zero(), load(at), loadAligned(at), mul(a, b), fma(a, b, c);
-//     static void store(float* at, Float v);
-//     static void keep(Float& v);           // in its register
-//     static float total(Float v);          // sum of the lanes
-//     static void addTotals(const float* acc, float* y);  // those of eight registers, same bits
-//   };
-//
-//   struct Weights {                        // of a type
-//     using Vector = ...;
-//     static constexpr size_t kDecodedLines;  // at most, in a chunk: registers of every row
-//     static constexpr size_t inputAt(size_t column);
-//     static size_t byteAt(size_t column);  // where its block begins in a row
-//     static void decode(const uint8_t* blocks, size_t count,
-//                        float* out);       // as [line][row][lane], one of the rows
-//     // Tile of the decoded weights times inputs, into accumulators [token][row][lane].
-//     template <size_t kTokens>
-//     static void multiplyTile(const float* weights, const float* x, size_t xStride, size_t count,
-//                              float* acc);
-//   };
 #pragma once
-
-#include <immintrin.h>
 
 #include <cstddef>
 #include <cstdint>
 
 #include "model/kernels/kernels.h"
+#include "model/kernels/lane_weights.h"
 
 namespace qwen35 {
 namespace {
 
-// Asks for bytes, into the first-level cache (kLevel 3) or the second (2).
-template <int kLevel>
-inline void prefetch(const uint8_t* at, size_t bytes) {
-  for (size_t i = 0; i < bytes; i += 64) __builtin_prefetch(at + i, 0, kLevel);
+constexpr size_t kTileRegisters = 2;
+
+// Inputs of up to kTokenGroup tokens as [column][token], zeros for those that are missing.
+template <typename Vector>
+void arrangeGroup(const float* x, size_t xStride, size_t tokens, size_t cols, float* out) {
+  using Inputs = F32Rows<Vector>;  // tokens in lanes, as rows are
+  typename Inputs::Panel panel;
+  FilledPanel<Inputs> filled;
+  for (size_t t = 0; t < kTokenGroup; t += Vector::kWidth) {
+    const size_t count = t < tokens ? tokens - t : 0;
+    for (size_t first = 0; first < cols; first += kPanelCols) {
+      const auto* at = reinterpret_cast<const uint8_t*>(x + t * xStride + first);
+      const auto rows = rowsOfPanel(at, xStride * sizeof(float), count, cols - first, filled);
+      decodePanel<Inputs>(rows, cols - first, panel, out + first * kTokenGroup + t, kTokenGroup);
+    }
+  }
 }
 
-constexpr size_t kTileTokens = 3;  // of a tile
+// Adds the first `count` lanes to floats in memory.
+template <typename Vector>
+inline void addLanes(float* y, size_t count, typename Vector::Float sums) {
+  if (count >= Vector::kWidth) return Vector::store(y, Vector::add(Vector::load(y), sums));
+  float lanes[Vector::kWidth];
+  Vector::store(lanes, sums);
+  for (size_t i = 0; i < count; ++i) y[i] += lanes[i];
+}
 
-// The sums of a tile: a line of weights for every row times inputs of every token.
-template <typename Vector, size_t kTokens>
-struct Tile {
+// A panel's decoded weights, [column][row], times inputs, [column][token].
+template <typename Vector>
+struct PanelProduct {
   using Float = typename Vector::Float;
-  static constexpr size_t kRows = Vector::kTileRows;
+  static constexpr size_t kRows = kTileRegisters * Vector::kWidth;
 
-  Float sums[kTokens][kRows];
+  const float* weights;
+  size_t cols;
+  size_t rows;  // that count
+  size_t yStride;
 
-  // Asks for what the tile of the next tokens will read: the inputs come from the second-level
-  // cache, in runs too short for the hardware to see them coming.
-  [[gnu::always_inline]] static void prefetchNext(const float* x, size_t xStride) {
-#pragma GCC unroll 8
-    for (size_t t = kTokens; t < 2 * kTokens; ++t) __builtin_prefetch(x + t * xStride);
-  }
-
-  // Adds the products with one register of inputs of every token.
-  [[gnu::always_inline]] void add(const float* weights, const float* x, size_t xStride) {
-    Float inputs[kTokens];
-#pragma GCC unroll 8
-    for (size_t t = 0; t < kTokens; ++t) inputs[t] = Vector::load(x + t * xStride);
-#pragma GCC unroll 8
-    for (size_t r = 0; r < kRows; ++r) {
-      Float w = Vector::loadAligned(weights + r * Vector::kWidth);
-      Vector::keep(w);
-#pragma GCC unroll 8
-      for (size_t t = 0; t < kTokens; ++t) sums[t][r] = Vector::fma(w, inputs[t], sums[t][r]);
+  // For at most kTokens tokens, which are those of a tile.
+  template <size_t kTokens = Vector::kTileTokens>
+  void addTile(size_t tokens, const float* x, float* y) const {
+    if constexpr (kTokens > 1) {
+      if (tokens < kTokens) return addTile<kTokens - 1>(tokens, x, y);
     }
-  }
-
-  // From and to accumulators [token][row][lane].
-  [[gnu::always_inline]] void load(const float* acc) {
-#pragma GCC unroll 8
-    for (size_t t = 0; t < kTokens; ++t) {
-#pragma GCC unroll 8
-      for (size_t r = 0; r < kRows; ++r) sums[t][r] = Vector::loadAligned(acc + offset(t, r));
-    }
-  }
-  [[gnu::always_inline]] void store(float* acc) const {
-#pragma GCC unroll 8
-    for (size_t t = 0; t < kTokens; ++t) {
-#pragma GCC unroll 8
-      for (size_t r = 0; r < kRows; ++r) Vector::store(acc + offset(t, r), sums[t][r]);
+    Float sums[kTokens][kTileRegisters];
+    sum(x, sums);
+    for (size_t t = 0; t < kTokens; ++t, y += yStride) {
+      addLanes<Vector>(y, rows, sums[t][0]);
+      if (rows > Vector::kWidth)
+        addLanes<Vector>(y + Vector::kWidth, rows - Vector::kWidth, sums[t][1]);
     }
   }
 
  private:
-  static constexpr size_t offset(size_t token, size_t row) {
-    return (token * kBatchRows + row) * Vector::kWidth;
+  template <size_t kTokens>
+  [[gnu::always_inline]] void sum(const float* x, Float (&sums)[kTokens][kTileRegisters]) const {
+#pragma GCC unroll 8
+    for (size_t t = 0; t < kTokens; ++t) {
+      sums[t][0] = Vector::zero();
+      sums[t][1] = Vector::zero();
+    }
+    const float* w = weights;
+    for (size_t c = 0; c < cols; ++c, w += kRows, x += kTokenGroup) {
+      Float first = Vector::load(w);
+      Float second = Vector::load(w + Vector::kWidth);
+      Vector::keep(first);
+      Vector::keep(second);
+#pragma GCC unroll 8
+      for (size_t t = 0; t < kTokens; ++t) {
+        Float input = Vector::each(x[t]);
+        Vector::keep(input);
+        sums[t][0] = Vector::fma(first, input, sums[t][0]);
+        sums[t][1] = Vector::fma(second, input, sums[t][1]);
+      }
+    }
   }
 };
 
-template <typename Weights>
+template <typename Type>
 class BatchedProduct {
  public:
   static void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                    const Batch& batch) {
     for (size_t r = 0; r < rowCount; r += kRowsAtOnce) {
       const size_t count = rowCount - r < kRowsAtOnce ? rowCount - r : kRowsAtOnce;
-      multiplyRows(rows + r * rowBytes, rowBytes, count, cols, batch, batch.y + r);
+      addRows(rows + r * rowBytes, rowBytes, count, cols, batch, batch.y + r);
     }
   }
 
  private:
-  using Vector = typename Weights::Vector;
+  using Vector = typename Type::Vector;
+  static constexpr size_t kRows = PanelProduct<Vector>::kRows;
 
-  // They share a chunk of the inputs while it is in a near cache. More would drive their own
-  // accumulators out of it.
-  static constexpr size_t kRowsAtOnce = 8 * kBatchRows;
-  static_assert(kBatchRows == 8);  // of Vector::addTotals
-  static constexpr size_t kLine = kBatchRows * Vector::kWidth;
-  static_assert(Weights::kDecodedLines * kLine + kRowsAtOnce * kMaxBatch * Vector::kWidth <=
-                kBatchScratch);
+  struct Work {
+    alignas(64) float weights[kPanelCols][kRows];
+    typename Type::Panel panel;
+    FilledPanel<Type> filled;
+  };
 
-  static void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
-                           const Batch& batch, float* y) {
-    float* weights = batch.scratch;
-    float* acc = weights + Weights::kDecodedLines * kLine;
-    __builtin_memset(acc, 0, kRowsAtOnce * batch.tokens * Vector::kWidth * sizeof(float));
-    for (size_t first = 0; first < cols; first += kBatchCols) {
-      const size_t count = cols - first < kBatchCols ? cols - first : kBatchCols;
-      const size_t next =
-          first + kBatchCols < cols ? Weights::byteAt(first + kBatchCols) : kRowsAtOnce * rowBytes;
-      for (size_t r = 0; r < rowCount; r += kBatchRows) {
-        for (size_t i = r; i < r + kBatchRows && i < rowCount; ++i) {
-          const uint8_t* row = rows + i * rowBytes;
-          prefetch<2>(row + next, Weights::byteAt(kBatchCols));
-          Weights::decode(row + Weights::byteAt(first), count, weights + (i - r) * Vector::kWidth);
+  // They share a panel of the inputs while it is in a near cache.
+  static constexpr size_t kRowsAtOnce = 128;
+
+  static void addRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                      const Batch& batch, float* y) {
+    static_assert(sizeof(Work) <= kBatchScratch * sizeof(float));
+    auto& work = *reinterpret_cast<Work*>(batch.scratch);
+    const uint8_t* after = rows + rowCount * rowBytes;
+    for (size_t first = 0; first < cols; first += kPanelCols, rows += panelBytes<Type>()) {
+      const size_t left = cols - first;
+      const float* x = batch.x + first * kTokenGroup;
+      for (size_t r = 0; r < rowCount; r += kRows) {
+        decode(rows + r * rowBytes, rowBytes, rowCount - r, left, work);
+        const uint8_t* next = r + kRows < rowCount ? rows + (r + kRows) * rowBytes
+                              : left > kPanelCols  ? rows + panelBytes<Type>()
+                                                   : after;
+        const PanelProduct<Vector> panel = {.weights = work.weights[0],
+                                            .cols = left < kPanelCols ? left : kPanelCols,
+                                            .rows = rowCount - r,
+                                            .yStride = batch.yStride};
+        addTokens(panel, batch, x, y + r, next, rowBytes);
+      }
+    }
+  }
+
+  static void decode(const uint8_t* at, size_t rowBytes, size_t rowCount, size_t cols, Work& work) {
+    for (size_t r = 0; r < kRows; r += Vector::kWidth) {
+      const size_t count = r < rowCount ? rowCount - r : 0;
+      const auto rows = rowsOfPanel(at + r * rowBytes, rowBytes, count, cols, work.filled);
+      decodePanel<Type>(rows, cols, work.panel, work.weights[0] + r, kRows);
+    }
+  }
+
+  // The next panel is asked for meanwhile, some rows with each tile: more requests at a time
+  // than a core can have under way would hold it up.
+  static void addTokens(const PanelProduct<Vector>& panel, const Batch& batch, const float* x,
+                        float* y, const uint8_t* next, size_t rowBytes) {
+    size_t asked = 0;
+    for (size_t t = 0; t < batch.tokens; t += kTokenGroup, x += kTokenGroup * batch.xStride) {
+      const size_t group = batch.tokens - t < kTokenGroup ? batch.tokens - t : kTokenGroup;
+      for (size_t i = 0; i < group; i += Vector::kTileTokens) {
+        const size_t done = t + i + Vector::kTileTokens;
+        for (; asked < kRows && asked * batch.tokens < done * kRows; ++asked) {
+          prefetch<3>(next + asked * rowBytes, panelBytes<Type>());
         }
-        multiplyTokens(weights, count, batch.x + Weights::inputAt(first), batch,
-                       acc + r * batch.tokens * Vector::kWidth);
+        panel.addTile(group - i, x + i, y + (t + i) * batch.yStride);
       }
-    }
-    for (size_t r = 0; r < rowCount; r += kBatchRows) {
-      for (size_t t = 0; t < batch.tokens; ++t, acc += kLine) {
-        addTotals(acc, rowCount - r, y + t * batch.yStride + r);
-      }
-    }
-  }
-
-  // Of kBatchRows rows or the last few, whose number is not theirs: what was decoded of no row
-  // counts for nothing.
-  static void addTotals(const float* acc, size_t rowCount, float* y) {
-    if (rowCount >= kBatchRows) return Vector::addTotals(acc, y);
-    float sums[kBatchRows] = {};
-    Vector::addTotals(acc, sums);
-    for (size_t r = 0; r < rowCount; ++r) y[r] += sums[r];
-  }
-
-  static void multiplyTokens(const float* weights, size_t count, const float* x, const Batch& batch,
-                             float* acc) {
-    size_t t = 0;
-    for (; t + kTileTokens <= batch.tokens; t += kTileTokens) {
-      multiplyTiles<kTileTokens>(weights, count, x + t * batch.xStride, batch.xStride,
-                                 acc + t * kLine);
-    }
-    for (; t < batch.tokens; ++t) {
-      multiplyTiles<1>(weights, count, x + t * batch.xStride, batch.xStride, acc + t * kLine);
-    }
-  }
-
-  template <size_t kTokens>
-  static void multiplyTiles(const float* weights, size_t count, const float* x, size_t xStride,
-                            float* acc) {
-    for (size_t r = 0; r < kLine; r += Vector::kTileRows * Vector::kWidth) {
-      Weights::template multiplyTile<kTokens>(weights + r, x, xStride, count, acc + r);
     }
   }
 };
