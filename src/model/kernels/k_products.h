@@ -187,9 +187,11 @@ struct KProducts {
         }
       }
     }
+    // Long sums of few rows would wait for their own multiply-adds: these are two each.
+    constexpr size_t kChains = kRows < 4 && kPerGroup > 4 ? 2 : 1;
 #pragma GCC unroll 8
     for (size_t g = 0; g < Block::kGroups; ++g) {
-      Float sum[kRows];
+      Float sum[kRows][kChains];
 #pragma GCC unroll 8
       for (size_t i = 0; i < kPerGroup; ++i) {
         const size_t j = g * kPerGroup + i;
@@ -198,11 +200,16 @@ struct KProducts {
 #pragma GCC unroll 4
         for (size_t r = 0; r < kRows; ++r) {
           const Float codes = blocks[r].codes(j);
-          sum[r] = i == 0 ? Vector::mul(codes, input) : Vector::fma(codes, input, sum[r]);
+          Float& s = sum[r][i % kChains];
+          s = i < kChains ? Vector::mul(codes, input) : Vector::fma(codes, input, s);
         }
       }
 #pragma GCC unroll 4
-      for (size_t r = 0; r < kRows; ++r) acc[r] = Vector::fma(sum[r], blocks[r].scale(g), acc[r]);
+      for (size_t r = 0; r < kRows; ++r) {
+        const Float scale = blocks[r].scale(g);
+#pragma GCC unroll 2
+        for (size_t c = 0; c < kChains; ++c) acc[r] = Vector::fma(sum[r][c], scale, acc[r]);
+      }
     }
   }
 };
