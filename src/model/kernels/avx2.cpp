@@ -173,8 +173,7 @@ struct SubBlocks {
   __m256 scales;
   __m256 lows;  // d * scale and dmin * minimum of each sub-block
 
-  explicit SubBlocks(const uint8_t* block) {
-    const __m128i codes = subBlockCodes(block);
+  SubBlocks(const uint8_t* block, __m128i codes) {
     const __m128 factors = superScales(block);
     scales = scaled(codes, _mm256_broadcastss_ps(factors));
     lows = scaled(_mm_srli_si128(codes, 8), _mm256_broadcastss_ps(_mm_movehdup_ps(factors)));
@@ -219,7 +218,7 @@ struct Q4k : SubBlocks {
 
   Nibbles nibbles;
 
-  explicit Q4k(const uint8_t* block) : SubBlocks(block), nibbles(block + 16) {}
+  Q4k(const uint8_t* block, __m128i codes) : SubBlocks(block, codes), nibbles(block + 16) {}
 
   static constexpr size_t bit(size_t j) { return 8 * (j % 4) + 4 * (j / 8 % 2); }
   static constexpr Place place(size_t j, size_t lane) {
@@ -241,7 +240,7 @@ struct Q5k : SubBlocks {
   Nibbles nibbles;
   __m256i fifths[2];
 
-  explicit Q5k(const uint8_t* block) : SubBlocks(block), nibbles(block + 48) {
+  Q5k(const uint8_t* block, __m128i codes) : SubBlocks(block, codes), nibbles(block + 48) {
     for (size_t v = 0; v < 2; ++v)
       fifths[v] = _mm256_broadcastsi128_si256(load16(block + 16 + 16 * v));
   }

@@ -108,11 +108,11 @@ struct SubBlocks {
 
   __m512 scales;  // lanes 0-7; minimums in lanes 8-15
 
-  explicit SubBlocks(const uint8_t* block) {
+  SubBlocks(const uint8_t* block, __m128i codes) {
     const __m512i which = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 1, 1, 1, 1);
     const __m512 factors = _mm512_castps128_ps512(superScales(block));
     scales = _mm512_mul_ps(_mm512_permutexvar_ps(which, factors),
-                           _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(subBlockCodes(block))));
+                           _mm512_cvtepi32_ps(_mm512_cvtepu8_epi32(codes)));
   }
   __m512 scale(size_t group) const {
     const __m512i even = _mm512_setr_epi32(0, 0, 0, 0, 2, 2, 2, 2, 4, 4, 4, 4, 6, 6, 6, 6);
@@ -146,7 +146,7 @@ struct Q4k : SubBlocks {
 
   Nibbles nibbles;
 
-  explicit Q4k(const uint8_t* block) : SubBlocks(block), nibbles(block + 16) {}
+  Q4k(const uint8_t* block, __m128i codes) : SubBlocks(block, codes), nibbles(block + 16) {}
 
   static constexpr size_t bit(size_t j) { return 8 * (j % 4) + 4 * (j / 8); }
   static constexpr Place place(size_t j, size_t lane) {
@@ -167,7 +167,7 @@ struct Q5k : SubBlocks {
 
   __m512i bytes[kGroups][2];
 
-  explicit Q5k(const uint8_t* block) : SubBlocks(block) {
+  Q5k(const uint8_t* block, __m128i codes) : SubBlocks(block, codes) {
     const Nibbles nibbles(block + 48);
     for (size_t v = 0; v < 2; ++v) {
       // Bit 2c + g of each byte is the fifth bit of sub-block 2c + g; it goes to bit 4.

@@ -22,10 +22,10 @@
 //     static constexpr size_t kFirstMinimum;  // lane of the first of them
 //     static constexpr size_t kRowsAtOnce;   // long rows that fit the register file
 //     static constexpr Place place(size_t j, size_t lane);  // which input register j multiplies
-//     explicit Block(const uint8_t* bytes);
-//     Float codes(size_t j) const;           // j < kRegisters, group by group
-//     Float scale(size_t group) const;
-//     Float minimums(size_t i) const;        // i < kOffsets; registers of them
+//     explicit Block(const uint8_t* bytes);  // with minimums also: __m128i of the sub-blocks'
+//     codes Float codes(size_t j) const;           // j < kRegisters, group by group Float
+//     scale(size_t group) const; Float minimums(size_t i) const;        // i < kOffsets; registers
+//     of them
 //   };
 #pragma once
 
@@ -40,18 +40,22 @@
 namespace qwen35 {
 namespace {
 
-// The sixteen 6-bit codes of a Q4_K or Q5_K block: bytes 0-7 scales, 8-15 minimums.
-inline __m128i subBlockCodes(const uint8_t* block) {
-  uint32_t words[3];
-  __builtin_memcpy(words, block + 4, sizeof words);
-  // In general registers: the vector units are the ones that are busy.
-  __asm__("" : "+r"(words[0]), "+r"(words[1]), "+r"(words[2]));
-  const uint32_t highScales = (words[2] & 0x0f0f0f0fu) | ((words[0] >> 2) & 0x30303030u);
-  const uint32_t highMinimums = ((words[2] >> 4) & 0x0f0f0f0fu) | ((words[1] >> 2) & 0x30303030u);
-  uint64_t scales = uint64_t{highScales} << 32 | (words[0] & 0x3f3f3f3fu);
-  uint64_t minimums = uint64_t{highMinimums} << 32 | (words[1] & 0x3f3f3f3fu);
-  __asm__("" : "+r"(scales), "+r"(minimums));
-  return _mm_set_epi64x(static_cast<int64_t>(minimums), static_cast<int64_t>(scales));
+// The sixteen 6-bit codes of each of two Q4_K or Q5_K blocks: bytes 0-7 scales, 8-15 minimums.
+inline __m256i subBlockCodes(const uint8_t* first, const uint8_t* second) {
+  const __m256i heads = _mm256_inserti128_si256(
+      _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(first))),
+      _mm_loadu_si128(reinterpret_cast<const __m128i*>(second)), 1);
+  // Six bits of four codes as they lie, or four of four others; above these, what is left of six.
+  const __m256i low =
+      _mm256_shuffle_epi8(heads, _mm256_broadcastsi128_si256(_mm_setr_epi8(
+                                     4, 5, 6, 7, 12, 13, 14, 15, 8, 9, 10, 11, 12, 13, 14, 15)));
+  const __m256i high =
+      _mm256_shuffle_epi8(heads, _mm256_broadcastsi128_si256(_mm_setr_epi8(
+                                     -1, -1, -1, -1, 4, 5, 6, 7, -1, -1, -1, -1, 8, 9, 10, 11)));
+  const __m256i lowShift = _mm256_setr_epi32(0, 0, 0, 4, 0, 0, 0, 4);
+  const __m256i lowMask = _mm256_set1_epi64x(0x0f0f0f0f3f3f3f3f);
+  return _mm256_or_si256(_mm256_and_si256(_mm256_srlv_epi32(low, lowShift), lowMask),
+                         _mm256_and_si256(_mm256_srli_epi32(high, 2), _mm256_set1_epi8(0x30)));
 }
 
 // The two halves d and dmin at the start of a Q4_K or Q5_K block, in lanes 0 and 1.
@@ -65,6 +69,22 @@ inline __m128 superScales(const uint8_t* block) {
 struct Place {
   size_t element;
   size_t shift;
+};
+
+// The blocks of two rows.
+template <typename Block>
+struct Pair {
+  Block block[2];
+
+  Pair(const uint8_t* first, const uint8_t* second) requires(Block::kMinimums == 0)
+      : block{Block(first), Block(second)} {}
+  Pair(const uint8_t* first, const uint8_t* second) requires(Block::kMinimums != 0)
+      : Pair(first, second, subBlockCodes(first, second)) {}
+
+ private:
+  Pair(const uint8_t* first, const uint8_t* second, __m256i codes)
+      : block{Block(first, _mm256_castsi256_si128(codes)),
+              Block(second, _mm256_extracti128_si256(codes, 1))} {}
 };
 
 template <typename Block>
@@ -161,29 +181,27 @@ struct KProducts {
   [[gnu::always_inline]] static void addBlocks(const uint8_t* rows, size_t rowBytes, const float* x,
                                                Float (&acc)[kRows]) {
     if constexpr (kRows == 1) {
-      const Block blocks[1] = {Block(rows)};
-      addBlocks(blocks, x, acc);
+      addBlocks<1>({Pair<Block>(rows, rows)}, x, acc);
     } else if constexpr (kRows == 2) {
-      const Block blocks[2] = {Block(rows), Block(rows + rowBytes)};
-      addBlocks(blocks, x, acc);
+      addBlocks<2>({Pair<Block>(rows, rows + rowBytes)}, x, acc);
     } else {
       static_assert(kRows == 4);
-      const Block blocks[4] = {Block(rows), Block(rows + rowBytes), Block(rows + 2 * rowBytes),
-                               Block(rows + 3 * rowBytes)};
-      addBlocks(blocks, x, acc);
+      addBlocks<4>({Pair<Block>(rows, rows + rowBytes),
+                    Pair<Block>(rows + 2 * rowBytes, rows + 3 * rowBytes)},
+                   x, acc);
     }
   }
 
   template <size_t kRows>
-  [[gnu::always_inline]] static void addBlocks(const Block (&blocks)[kRows], const float* x,
-                                               Float (&acc)[kRows]) {
+  [[gnu::always_inline]] static void addBlocks(const Pair<Block> (&pairs)[(kRows + 1) / 2],
+                                               const float* x, Float (&acc)[kRows]) {
     if constexpr (kOffsets != 0) {
 #pragma GCC unroll 2
       for (size_t i = 0; i < kOffsets; ++i) {
         const Float sums = Vector::load(x + kElements + i * kWidth);
 #pragma GCC unroll 4
         for (size_t r = 0; r < kRows; ++r) {
-          acc[r] = Vector::fma(blocks[r].minimums(i), sums, acc[r]);
+          acc[r] = Vector::fma(pairs[r / 2].block[r % 2].minimums(i), sums, acc[r]);
         }
       }
     }
@@ -199,14 +217,14 @@ struct KProducts {
         Vector::keep(input);
 #pragma GCC unroll 4
         for (size_t r = 0; r < kRows; ++r) {
-          const Float codes = blocks[r].codes(j);
+          const Float codes = pairs[r / 2].block[r % 2].codes(j);
           Float& s = sum[r][i % kChains];
           s = i < kChains ? Vector::mul(codes, input) : Vector::fma(codes, input, s);
         }
       }
 #pragma GCC unroll 4
       for (size_t r = 0; r < kRows; ++r) {
-        const Float scale = blocks[r].scale(g);
+        const Float scale = pairs[r / 2].block[r % 2].scale(g);
 #pragma GCC unroll 2
         for (size_t c = 0; c < kChains; ++c) acc[r] = Vector::fma(sum[r][c], scale, acc[r]);
       }
