@@ -242,10 +242,11 @@ def text_report(folder):
 def surroundings_report(folder):
     rows = [[f"demo model, {name.split(':')[1]} threads: time outside of kernels",
              percent(run["outside_kernels"])] for name, run in runs(folder, "token").items()]
-    shared = load(folder, "shared")
-    if shared:
-        rows += [[f"demo model, {what} beside a process that takes half of one processor",
-                  percent(shared[what]["share"]) + " of its speed"] for what in ("prompt", "generation")]
+    for model, title in MODELS.items():
+        shared = load(folder, f"shared-{model}") or {}
+        rows += [[f"{title}: {what} beside a process that takes half of one processor",
+                  percent(shared[what]["share"]) + " of its speed"] for what in shared
+                 if what in ("prompt", "generation")]
     return "\nThreads:\n\n" + table(["", ""], rows) if rows else ""
 
 

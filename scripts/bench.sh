@@ -33,6 +33,12 @@ measure_model() {
     --gen-tokens "$3" >"$results/$1.json"
 }
 
+# The same beside another process: name and file.
+measure_shared() {
+  say "shared machine $1"
+  bench/shared_machine.py "$orb" "$2" >"$results/shared-$1.json"
+}
+
 # Makes a synthetic model of a name unless it is there; false when the disk is too full for it.
 synthesize() {
   local file=$results/$1.orb gigabytes=$2 free
@@ -66,8 +72,10 @@ for part in "${parts[@]}"; do
     text) measure text --benchmark_min_time=0.1 ;;
     token) measure token --benchmark_min_time=2 ;;
     shared)
-      say "shared machine"
-      bench/shared_machine.py "$orb" models/demo.orb >"$results/shared.json"
+      measure_shared demo models/demo.orb
+      if synthesize 4b-q4_k 3 --shape 4b; then
+        measure_shared 4b-q4_k "$results/4b-q4_k.orb"
+      fi
       ;;
     models) measure_models ;;
     *)
