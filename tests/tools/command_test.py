@@ -298,6 +298,12 @@ class Chat(CommandTest):
         self.assertEqual((held[0], held[3]), (0, 0))
         self.assertLess(held[1], held[2])
 
+    def test_the_stats_tell_how_fast_the_answers_came(self):
+        out, _ = self.orb("chat", MODEL, "--max-tokens", "3", stdin="/stats\nhi\nhi\n/stats\n")
+        answers = re.findall(r"answers +(.+)", out.decode())
+        self.assertEqual(answers[0], "0, 0 tokens")
+        self.assertRegex(answers[1], r"^2, 6 tokens, [\d.]+ tokens/s$")
+
     def test_reset_makes_the_same_question_new(self):
         out, _ = self.orb("chat", MODEL, "--max-tokens", "20", stdin="hi\n/reset\nhi\nhi\n")
         answers = out.decode().split("> hi\n")

@@ -39,22 +39,41 @@ struct ChatOptions {
   SamplingOptions sampling;
 };
 
-// What one answer took.
+// What answers took.
 struct AnswerMeter {
   uint64_t tokens = 0;
-  Clock::time_point first;
-  Clock::time_point last;
+  uint64_t passes = 0;  // between two tokens of an answer: one forward pass each
+  double seconds = 0;   // of those
 
+  void add(const AnswerMeter& answer) {
+    tokens += answer.tokens;
+    passes += answer.passes;
+    seconds += answer.seconds;
+  }
+
+  std::string text() const {
+    std::string text = std::to_string(tokens) + " tokens";
+    if (passes > 0 && seconds > 0) {
+      text += ", " + formatThreeDigits(static_cast<double>(passes) / seconds) + " tokens/s";
+    }
+    return text;
+  }
+};
+
+// Meters one answer, token by token.
+class AnswerClock {
+ public:
   void count() {
-    last = Clock::now();
-    if (tokens++ == 0) first = last;
+    const Clock::time_point now = Clock::now();
+    if (meter_.tokens++ == 0) first_ = now;
+    meter_.passes = meter_.tokens - 1;
+    meter_.seconds = std::chrono::duration<double>(now - first_).count();
   }
+  const AnswerMeter& meter() const { return meter_; }
 
-  // One forward pass lies between two tokens; 0 for fewer than two.
-  double tokensPerSecond() const {
-    const double seconds = std::chrono::duration<double>(last - first).count();
-    return tokens > 1 && seconds > 0 ? static_cast<double>(tokens - 1) / seconds : 0;
-  }
+ private:
+  AnswerMeter meter_;
+  Clock::time_point first_;
 };
 
 class Chat {
@@ -142,8 +161,7 @@ class Chat {
     Table table({{""}, {""}});
     table.addRow({"context", std::to_string(stats.contextTokens) + " of " +
                                  std::to_string(context_) + " tokens"});
-    table.addRow(
-        {"answers", std::to_string(answers_) + ", " + std::to_string(answerTokens_) + " tokens"});
+    table.addRow({"answers", std::to_string(answers_) + ", " + all_.text()});
     table.addRow({"forward passes", formatDuration(stats.totalForwardMs / 1000) +
                                         ", the last one " +
                                         formatDuration(stats.lastForwardMs / 1000)});
@@ -164,20 +182,21 @@ class Chat {
       exitCode_ = kFailure;
       return;
     }
-    AnswerMeter meter;
+    AnswerClock clock;
     Utf8Assembler assembler;
     endedLine_ = true;
     const int result = runtime_.chatTurnStream(
         question,
         [&](std::string_view bytes) {
-          meter.count();
+          clock.count();
           print(assembler.push(bytes));
         },
         interrupts_ ? interrupts_->flag() : nullptr);
     print(assembler.finish());
+    const AnswerMeter& meter = clock.meter();
     if (!endedLine_ || meter.tokens == 0) std::putchar('\n');
     ++answers_;
-    answerTokens_ += meter.tokens;
+    all_.add(meter);
     report(result, meter);
   }
 
@@ -195,10 +214,7 @@ class Chat {
                                 std::to_string(result) + "); /reset begins a new conversation");
       return;
     }
-    std::string text = std::to_string(meter.tokens) + " tokens";
-    if (meter.tokensPerSecond() > 0) {
-      text += ", " + formatThreeDigits(meter.tokensPerSecond()) + " tokens/s";
-    }
+    std::string text = meter.text();
     if (interrupts_ && interrupts_->isSet()) {
       text += ", stopped";
     } else if (meter.tokens >= maxTokens_) {
@@ -216,7 +232,7 @@ class Chat {
   bool leaving_ = false;
   bool endedLine_ = true;
   uint64_t answers_ = 0;
-  uint64_t answerTokens_ = 0;
+  AnswerMeter all_;
   int exitCode_ = kOk;
 };
 
