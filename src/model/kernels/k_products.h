@@ -22,10 +22,11 @@
 //     static constexpr size_t kFirstMinimum;  // lane of the first of them
 //     static constexpr size_t kRowsAtOnce;   // long rows that fit the register file
 //     static constexpr Place place(size_t j, size_t lane);  // which input register j multiplies
-//     explicit Block(const uint8_t* bytes);  // with minimums also: __m128i of the sub-blocks'
-//     codes Float codes(size_t j) const;           // j < kRegisters, group by group Float
-//     scale(size_t group) const; Float minimums(size_t i) const;        // i < kOffsets; registers
-//     of them
+//     explicit Block(const uint8_t* bytes);  // where there are no minimums, else
+//     Block(const uint8_t* bytes, __m128i codes);  // with the sub-blocks' (subBlockCodes)
+//     Float codes(size_t j) const;           // j < kRegisters, group by group
+//     Float scale(size_t group) const;
+//     Float minimums(size_t i) const;        // i < kOffsets; registers of them
 //   };
 #pragma once
 
