@@ -34,6 +34,13 @@ template <int kTile>
 inline void loadTile(const void* at) {
   __asm__ volatile("tileloadd (%1,%2), %%tmm%c0" ::"i"(kTile), "r"(at), "r"(size_t{64}) : "memory");
 }
+// Without a place in the nearest cache: inputs come by once for every sixteen rows, and would drive
+// the weights out.
+template <int kTile>
+inline void streamTile(const void* at) {
+  __asm__ volatile("tileloaddt1 (%1,%2), %%tmm%c0" ::"i"(kTile), "r"(at), "r"(size_t{64})
+                   : "memory");
+}
 template <int kTile>
 inline void storeTile(void* at) {
   __asm__ volatile("tilestored %%tmm%c0, (%1,%2)" ::"i"(kTile), "r"(at), "r"(size_t{64})
@@ -116,10 +123,15 @@ void arrange(const float* x, size_t xStride, size_t tokens, size_t cols, float* 
 // caches while every sixteen rows read them.
 constexpr size_t kRowsAtOnce = 128;
 
+// Tiles of weights that are held at a time, and how many a tile is made ahead of its use: its
+// stores have to reach the cache, from where the tile unit loads.
+constexpr size_t kHeld = 4;
+constexpr size_t kAhead = 2;
+
 // What a product works on.
 template <typename Type>
 struct Work {
-  WeightTile tiles[2];  // one is multiplied with while the other is made
+  WeightTile tiles[kHeld];
   typename Type::Panel panel;
   alignas(64) float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];  // [sixteen rows][token][row]
   FilledPanel<Type> filled;
@@ -186,10 +198,10 @@ struct TokenTile {
   static void store(float (*acc)[kSide]) { storeTile<kSums>(acc); }
   template <bool kExact>
   static void multiply(const float* x) {
-    loadTile<kX>(x);
+    streamTile<kX>(x);
     multiplyTiles<kSums, kX, kHighWeights>();
     if constexpr (!kExact) multiplyTiles<kSums, kX, kLowWeights>();
-    loadTile<kX>(x + kLimbs);
+    streamTile<kX>(x + kLimbs);
     multiplyTiles<kSums, kX, kHighWeights>();
   }
 };
@@ -245,18 +257,20 @@ void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t 
                   const Batch& batch, Work<Type>& work) {
   const TokenTiles tokens(batch.tokens, batch.xStride);
   TileSequence<Type> sequence(rows, rowBytes, rowCount, cols, work);
+  for (size_t i = 0; i < kAhead; ++i) {
+    const Type first = sequence.next();
+    for (size_t q = 0; q < 4; ++q) makeQuarter(first, q, work.tiles[i]);
+  }
   size_t turn = 0;
-  const Type first = sequence.next();
-  for (size_t q = 0; q < 4; ++q) makeQuarter(first, q, work.tiles[turn]);
   const float* x = batch.x;
   for (size_t column = 0; column < cols; column += kPanelCols) {
     const size_t tiles = sequence.tilesAt(column);
     for (size_t r = 0; r < rowCount; r += kSide) {
       tokens.load(work.acc[r / kSide]);
-      for (size_t i = 0; i < tiles; ++i, turn ^= 1) {
+      for (size_t i = 0; i < tiles; ++i, turn = (turn + 1) % kHeld) {
         const Type weights = sequence.next();
         tokens.multiply<kIsExact<Type>>(x + i * kInputTile, work.tiles[turn], [&](size_t q) {
-          makeQuarter(weights, q, work.tiles[turn ^ 1]);
+          makeQuarter(weights, q, work.tiles[(turn + kAhead) % kHeld]);
         });
       }
       tokens.store(work.acc[r / kSide]);
