@@ -60,7 +60,7 @@ inline void storePair(WeightTile& out, size_t line, __m512 even, __m512 odd) {
 
 // Makes a quarter of a tile: between them the tile unit gets its orders.
 template <typename Type>
-void makeQuarter(const Type& weights, size_t q, WeightTile& out) {
+[[gnu::always_inline]] inline void makeQuarter(const Type& weights, size_t q, WeightTile& out) {
   if constexpr (kIsExact<Type>) {
     for (size_t line = 4 * q; line < 4 * q + 4; ++line) {
       _mm512_store_si512(out.high[line], weights.pair(line));
