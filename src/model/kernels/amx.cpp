@@ -127,6 +127,7 @@ constexpr size_t kRowsAtOnce = 128;
 // stores have to reach the cache, from where the tile unit loads.
 constexpr size_t kHeld = 4;
 constexpr size_t kAhead = 2;
+static_assert(kAhead < kHeld);
 
 // What a product works on.
 template <typename Type>
