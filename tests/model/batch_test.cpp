@@ -75,7 +75,9 @@ class BatchedProductTest
 };
 
 TEST_P(BatchedProductTest, HasTheBitsOfSingleProductsForEveryNumberOfTokens) {
-  for (size_t tokens : {1, 2, 3, 4, 5, 16, 17, 33, 48, 63, 64}) check(8, 512, tokens);
+  for (size_t tokens : {1, 2, 3, 4, 5, 16, 17, 33, 48, 63, 64, 100, 255, 256}) {
+    check(8, 512, tokens);
+  }
 }
 
 TEST_P(BatchedProductTest, TakesAnyNumberOfRows) {
@@ -192,6 +194,18 @@ TEST_P(ForwardBatchTest, EverySplitOfAPromptGivesTheSameBits) {
       resetModel(small.model);
       expectSame(feed(small.model, prompt, batchSize), expected);
     }
+  }
+}
+
+TEST_P(ForwardBatchTest, EverySplitOfALongPromptGivesTheSameBits) {
+  if (&kernels() == &qwen35::kScalarKernels) return;  // takes one token at a time, and takes long
+  SmallModel small(mixedOptions(), &kernels(), 256);
+  const std::vector<int32_t> prompt = somePrompt(small.model, 200);
+  const Outcome expected = feed(small.model, prompt, prompt.size());
+  for (size_t batchSize : {33, 64, 150}) {
+    SCOPED_TRACE(batchSize);
+    resetModel(small.model);
+    expectSame(feed(small.model, prompt, batchSize), expected);
   }
 }
 

@@ -2,8 +2,10 @@
 // the table is the AVX-512 tier's.
 //
 // A tile instruction adds the products of 16 tokens x 32 inputs and 32 inputs x 16 rows to 16 x 16
-// sums. It takes bf16, eight significant bits. Inputs and weights are sums of two such limbs each,
-// sixteen bits and more, and three of the four products of limbs count:
+// sums. It takes bf16, eight significant bits. An input is the sum of two such limbs, sixteen bits
+// and more. The codes of a sub-block fit into one: its sums are taken by themselves, and its scale
+// is applied to them. Other weights are split as well, and three of the four products of limbs
+// count:
 //
 //   weight * x = high * x.high + low * x.high + high * x.low      (+ 2^-16 of it at most)
 //
@@ -20,15 +22,13 @@
 namespace qwen35 {
 namespace {
 
-// Tile registers: the sums of up to 64 tokens, a tile of weights and one of inputs. A last tile of
-// fewer than sixteen tokens has the last register of sums, and one of its own for its inputs. GCC's
-// intrinsics take literals only, and do not say what they read.
-constexpr int kLastSums = 3;
+// Tile registers: four of sums, two limbs of weights and two of inputs. GCC's intrinsics take
+// literals only, and do not say what they read.
 constexpr int kHighWeights = 4;
 constexpr int kLowWeights = 5;
-constexpr int kInputs = 6;
-constexpr int kFewInputs = 7;
-static_assert(kMaxBatch == (kLastSums + 1) * kSide);
+constexpr int kHighInputs = 6;
+constexpr int kLowInputs = 7;
+constexpr size_t kSumTiles = 4;
 
 template <int kTile>
 inline void loadTile(const void* at) {
@@ -46,6 +46,10 @@ inline void storeTile(void* at) {
   __asm__ volatile("tilestored %%tmm%c0, (%1,%2)" ::"i"(kTile), "r"(at), "r"(size_t{64})
                    : "memory");
 }
+template <int kTile>
+inline void clearTile() {
+  __asm__ volatile("tilezero %%tmm%c0" ::"i"(kTile));
+}
 template <int kSums, int kLeft, int kRight>
 inline void multiplyTiles() {
   __asm__ volatile("tdpbf16ps %%tmm%c2, %%tmm%c1, %%tmm%c0" ::"i"(kSums), "i"(kLeft), "i"(kRight));
@@ -54,7 +58,7 @@ inline void multiplyTiles() {
 // The thread's tile registers, from here on to the end of the scope.
 class TileScope {
  public:
-  explicit TileScope(size_t tokens) {
+  TileScope() {
     struct alignas(64) {
       uint8_t palette = 1;
       uint8_t start = 0;
@@ -66,10 +70,6 @@ class TileScope {
       config.lineBytes[i] = 64;
       config.lines[i] = kSide;
     }
-    if (const auto few = static_cast<uint8_t>(tokens % kSide); few != 0) {
-      config.lines[kLastSums] = few;
-      config.lines[kFewInputs] = few;
-    }
     __asm__ volatile("ldtilecfg %0" ::"m"(config));
   }
   ~TileScope() { __asm__ volatile("tilerelease"); }
@@ -77,12 +77,22 @@ class TileScope {
   TileScope& operator=(const TileScope&) = delete;
 };
 
-// Inputs of sixteen tokens: for each tile of 32 columns their high limbs, a line for each token,
-// then their low ones.
-constexpr size_t kLimbs = kSide * kSide;  // floats of memory for the high limbs of a tile
-constexpr size_t kInputTile = 2 * kLimbs;
+// Calls call.operator()<0>() to call.operator()<kCount - 1>().
+template <size_t kCount, typename Call>
+[[gnu::always_inline]] inline void forEach(const Call& call) {
+  if constexpr (kCount > 0) {
+    forEach<kCount - 1>(call);
+    call.template operator()<kCount - 1>();
+  }
+}
+
+// Inputs of sixteen tokens: for each panel of columns its tiles, the high limbs of a tile, a line
+// for each token, and then the low ones; after them the sums of the tiles' inputs.
+constexpr size_t kLimb = kSide * kSide;  // floats of memory for a limb of a tile
+constexpr size_t kInputTile = 2 * kLimb;
+constexpr size_t kInputPanel = kSide * kArrangedBlock;
 static_assert(kTokenGroup == kSide);
-static_assert(kPanelTiles * kInputTile <= kSide * kArrangedBlock);
+static_assert(kPanelTiles * kInputTile + kLimb == kInputPanel);
 
 inline __m512i roundToBf16(__m512 first, __m512 second) {
   return (__m512i)_mm512_cvtne2ps_pbh(second, first);
@@ -100,194 +110,248 @@ inline __m512 loadInputs(const float* x, size_t cols, size_t at) {
   return _mm512_maskz_loadu_ps(firstLanes(at < cols ? cols - at : 0), x + at);
 }
 
-template <typename Type>
-void arrangeToken(const float* x, size_t cols, float* out) {
-  for (size_t tile = 0; tile * kTileCols < cols; ++tile, out += kInputTile) {
-    const size_t panel = tile / kPanelTiles * kPanelCols;
-    const __m512 first = loadInputs(x, cols, panel + Type::half(tile % kPanelTiles, 0));
-    const __m512 second = loadInputs(x, cols, panel + Type::half(tile % kPanelTiles, 1));
-    const __m512i high = roundToBf16(first, second);
-    const __m512 firstLow = _mm512_sub_ps(first, widen(_mm512_castsi512_si256(high)));
-    const __m512 secondLow = _mm512_sub_ps(second, widen(_mm512_extracti64x4_epi64(high, 1)));
-    _mm512_storeu_si512(out, high);
-    _mm512_storeu_si512(out + kLimbs, roundToBf16(firstLow, secondLow));
-  }
-}
-
-template <typename Type>
-void arrange(const float* x, size_t xStride, size_t tokens, size_t cols, float* out) {
-  for (size_t t = 0; t < tokens; ++t) arrangeToken<Type>(x + t * xStride, cols, out + t * kSide);
+// 32 inputs as a line of high limbs at `out`, and one of low limbs.
+inline void storeInputs(__m512 first, __m512 second, float* out) {
+  const __m512i high = roundToBf16(first, second);
+  const __m512 firstLow = _mm512_sub_ps(first, widen(_mm512_castsi512_si256(high)));
+  const __m512 secondLow = _mm512_sub_ps(second, widen(_mm512_extracti64x4_epi64(high, 1)));
+  _mm512_storeu_si512(out, high);
+  _mm512_storeu_si512(out + kLimb, roundToBf16(firstLow, secondLow));
 }
 
 // Rows that go through the columns together: the inputs of a panel of columns stay in the core's
 // caches while every sixteen rows read them.
-constexpr size_t kRowsAtOnce = 128;
+constexpr size_t kRowsAtOnce = 256;
+constexpr size_t kRowTiles = kRowsAtOnce / kSide;
 
-// Tiles of weights that are held at a time, and how many a tile is made ahead of its use: its
-// stores have to reach the cache, from where the tile unit loads.
-constexpr size_t kHeld = 4;
-constexpr size_t kAhead = 2;
-static_assert(kAhead < kHeld);
-
-// What a product works on.
-template <typename Type>
-struct Work {
-  WeightTile tiles[kHeld];
-  typename Type::Panel panel;
-  alignas(64) float acc[kRowsAtOnce / kSide][kMaxBatch][kSide];  // [sixteen rows][token][row]
-  FilledPanel<Type> filled;
-};
-
-// The tiles of up to kRowsAtOnce rows in the order in which they are multiplied: panel of columns
-// by panel, sixteen rows by sixteen.
-template <typename Type>
-class TileSequence {
+// A panel of the inputs of some tiles of tokens. While sixteen rows are multiplied with them, a
+// part of those that come next is asked for: into the second-level cache, where they stay for the
+// other rows.
+class Inputs {
  public:
-  TileSequence(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, Work<Type>& work)
-      : work_(work),
-        rows_(rows),
-        rowBytes_(rowBytes),
-        rowCount_(rowCount),
-        cols_(cols),
-        source_(rows, rowBytes) {}
+  // Row tile `part` of kRowTiles asks for its part of `next`.
+  Inputs(const float* at, const float* next, size_t part, size_t tokenStride)
+      : at_(at), next_(next + part * kPart), tokenStride_(kSide * tokenStride) {}
 
-  // Tiles of the panel that begins at column `first`.
-  size_t tilesAt(size_t first) const { return tilesOf(cols_ - first); }
-
-  // The next tile; after the last one, any.
-  Type next() {
-    if (tile_ == 0) openPanel();
-    const Type weights(source_, work_.panel, tile_);
-    if (++tile_ == tilesAt(column_)) advance();
-    return weights;
+  const float* tile(size_t i, size_t tokenTile = 0) const {
+    return at_ + i * kInputTile + tokenTile * tokenStride_;
+  }
+  void askForNext(size_t i, size_t tokenTile = 0) const {
+    const float* at = next_ + i * (kPart / kPanelTiles) + tokenTile * tokenStride_;
+    prefetch<2>(reinterpret_cast<const uint8_t*>(at), kPart / kPanelTiles * sizeof(float));
   }
 
  private:
-  void advance() {
-    tile_ = 0;
-    row_ += kSide;
-    if (row_ < rowCount_) return;
-    row_ = 0;
-    column_ = column_ + kPanelCols < cols_ ? column_ + kPanelCols : 0;
-  }
+  static constexpr size_t kPart = kPanelTiles * kInputTile / kRowTiles;  // floats
 
-  void openPanel() {
-    const uint8_t* at = rows_ + row_ * rowBytes_ + column_ / kPanelCols * panelBytes<Type>();
-    // The same rows' next panel of columns, or the rows that come after these all.
-    const bool isLast = column_ + kPanelCols >= cols_;
-    prefetchPanel<Type>(isLast ? rows_ + (rowCount_ + row_) * rowBytes_ : at + panelBytes<Type>(),
-                        rowBytes_);
-    source_ = rowsOfPanel(at, rowBytes_, rowCount_ - row_, cols_ - column_, work_.filled);
-    Type::open(source_, work_.panel);
-  }
-
-  Work<Type>& work_;
-  const uint8_t* rows_;
-  size_t rowBytes_;
-  size_t rowCount_;
-  size_t cols_;
-  size_t row_ = 0;
-  size_t column_ = 0;
-  size_t tile_ = 0;
-  RowBytes<Vector> source_;  // of the panel
+  const float* at_;
+  const float* next_;
+  size_t tokenStride_;
 };
 
-// The sums of a tile of tokens, and its inputs times the weights' tile, both limbs of them.
-template <int kSums, int kX>
-struct TokenTile {
-  static void load(float (*acc)[kSide]) { loadTile<kSums>(acc); }
-  static void store(float (*acc)[kSide]) { storeTile<kSums>(acc); }
-  template <bool kExact>
-  static void multiply(const float* x) {
-    streamTile<kX>(x);
-    multiplyTiles<kSums, kX, kHighWeights>();
-    if constexpr (!kExact) multiplyTiles<kSums, kX, kLowWeights>();
-    streamTile<kX>(x + kLimbs);
-    multiplyTiles<kSums, kX, kHighWeights>();
-  }
-};
+// Weights in limbs. Panels have [tile][limb].
+template <typename Tiles>
+struct LimbProduct : Tiles {
+  using typename Tiles::Panel;
+  static constexpr size_t kTokenTiles = kSumTiles;  // of a multiplication
 
-// All tokens against sixteen rows.
-class TokenTiles {
- public:
-  TokenTiles(size_t tokens, size_t xStride)
-      : full_(tokens / kSide), few_(tokens % kSide != 0), xStride_(kSide * xStride) {}
-
-  void load(float (*acc)[kSide]) const {
-    forEach([=](auto tile, size_t t) { tile.load(acc + t * kSide); }, [](size_t) {});
-  }
-  void store(float (*acc)[kSide]) const {
-    forEach([=](auto tile, size_t t) { tile.store(acc + t * kSide); }, [](size_t) {});
-  }
-
-  // Multiplies with a tile of weights and calls meanwhile(0) to meanwhile(3), a quarter each of the
-  // work that the vector units do while the tile unit has its own.
-  template <bool kExact, typename Meanwhile>
-  void multiply(const float* x, const WeightTile& weights, const Meanwhile& meanwhile) const {
-    loadTile<kHighWeights>(weights.high);
-    if constexpr (!kExact) loadTile<kLowWeights>(weights.low);
-    forEach([&](auto tile, size_t t) { tile.template multiply<kExact>(x + t * xStride_); },
-            meanwhile);
-  }
-
- private:
-  template <typename Call, typename Meanwhile>
-  [[gnu::always_inline]] void forEach(const Call& call, const Meanwhile& meanwhile) const {
-    if (full_ > 0) call(TokenTile<0, kInputs>(), 0);
-    meanwhile(0);
-    if (full_ > 1) call(TokenTile<1, kInputs>(), 1);
-    meanwhile(1);
-    if (full_ > 2) call(TokenTile<2, kInputs>(), 2);
-    meanwhile(2);
-    if (few_) {
-      call(TokenTile<kLastSums, kFewInputs>(), full_);
-    } else if (full_ > kLastSums) {
-      call(TokenTile<kLastSums, kInputs>(), kLastSums);
+  static void arrange(const float* x, size_t cols, float* out) {
+    for (size_t tile = 0; tile < tilesOf(cols); ++tile, out += kInputTile) {
+      storeInputs(loadInputs(x, cols, Tiles::half(tile, 0)),
+                  loadInputs(x, cols, Tiles::half(tile, 1)), out);
     }
-    meanwhile(3);
   }
 
-  size_t full_;
-  bool few_;
-  size_t xStride_;
+  static void multiply(const Panel& weights, size_t tiles, const Inputs& x, size_t tokenTiles,
+                       float (*acc)[kSide]) {
+    if (tokenTiles == 1) return multiplyTokens<1>(weights, tiles, x, acc);
+    if (tokenTiles == 2) return multiplyTokens<2>(weights, tiles, x, acc);
+    if (tokenTiles == 3) return multiplyTokens<3>(weights, tiles, x, acc);
+    return multiplyTokens<4>(weights, tiles, x, acc);
+  }
+
+ private:
+  template <size_t kTiles>
+  static void multiplyTokens(const Panel& weights, size_t tiles, const Inputs& x,
+                             float (*acc)[kSide]) {
+    forEach<kTiles>([&]<int t>() __attribute__((always_inline)) { loadTile<t>(acc + t * kSide); });
+    for (size_t i = 0; i < tiles; ++i) {
+      loadTile<kHighWeights>(&weights.tiles[i][0]);
+      if constexpr (Tiles::kLimbs > 1) loadTile<kLowWeights>(&weights.tiles[i][1]);
+      forEach<kTiles>([&]<int t>() __attribute__((always_inline)) {
+        const float* at = x.tile(i, t);
+        x.askForNext(i, t);
+        streamTile<kHighInputs>(at);
+        multiplyTiles<t, kHighInputs, kHighWeights>();
+        if constexpr (Tiles::kLimbs > 1) multiplyTiles<t, kHighInputs, kLowWeights>();
+        streamTile<kLowInputs>(at + kLimb);
+        multiplyTiles<t, kLowInputs, kHighWeights>();
+      });
+    }
+    forEach<kTiles>([&]<int t>() __attribute__((always_inline)) { storeTile<t>(acc + t * kSide); });
+  }
 };
 
-// acc += rows . x for up to kRowsAtOnce rows.
-template <typename Type>
-void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
-                  const Batch& batch, Work<Type>& work) {
-  const TokenTiles tokens(batch.tokens, batch.xStride);
-  TileSequence<Type> sequence(rows, rowBytes, rowCount, cols, work);
-  for (size_t i = 0; i < kAhead; ++i) {
-    const Type first = sequence.next();
-    for (size_t q = 0; q < 4; ++q) makeQuarter(first, q, work.tiles[i]);
+// Codes whose scales are applied to the sums of a tile.
+template <typename Tiles>
+struct CodeProduct : Tiles {
+  using typename Tiles::Panel;
+  static constexpr size_t kTokenTiles = 1;
+  static constexpr bool kHasMinimums = requires(Panel panel) { panel.minimums; };
+
+  static void arrange(const float* x, size_t cols, float* out) {
+    alignas(64) float sums[kSide] = {};
+    for (size_t tile = 0; tile < tilesOf(cols); ++tile) {
+      const __m512 first = loadInputs(x, cols, tile * kTileCols);
+      const __m512 second = loadInputs(x, cols, tile * kTileCols + kHalfCols);
+      storeInputs(swapMiddle(first), swapMiddle(second), out + tile * kInputTile);
+      sums[2 * tile] = sums[2 * tile + 1] = _mm512_reduce_add_ps(_mm512_add_ps(first, second));
+    }
+    if constexpr (kHasMinimums) storeSums(sums, out + kPanelTiles * kInputTile);
   }
-  size_t turn = 0;
-  const float* x = batch.x;
-  for (size_t column = 0; column < cols; column += kPanelCols) {
-    const size_t tiles = sequence.tilesAt(column);
-    for (size_t r = 0; r < rowCount; r += kSide) {
-      tokens.load(work.acc[r / kSide]);
-      for (size_t i = 0; i < tiles; ++i, turn = (turn + 1) % kHeld) {
-        const Type weights = sequence.next();
-        tokens.multiply<kIsExact<Type>>(x + i * kInputTile, work.tiles[turn], [&](size_t q) {
-          makeQuarter(weights, q, work.tiles[(turn + kAhead) % kHeld]);
-        });
+
+  static void multiply(const Panel& weights, size_t tiles, const Inputs& x, size_t,
+                       float (*acc)[kSide]) {
+    alignas(64) Sums sums;
+    __m512 total[kSide];
+#pragma GCC unroll 16
+    for (size_t t = 0; t < kSide; ++t) total[t] = _mm512_load_ps(acc[t]);
+    if constexpr (kHasMinimums) {
+      sumMinimums(weights.minimums, x.tile(kPanelTiles), sums[kMinimums]);
+      addScaled(sums[kMinimums], _mm512_set1_ps(1.0f), total);
+    }
+    forEach<kPanelTiles + kDelay>([&]<int i>() __attribute__((always_inline)) {
+      if constexpr (i < kPanelTiles) {
+        x.askForNext(i);
+        if (i < tiles) sumCodes<i>(weights.codes[i], x.tile(i), sums[i % kSumTiles]);
       }
-      tokens.store(work.acc[r / kSide]);
+      if constexpr (i >= kDelay) {
+        constexpr size_t kTile = i - kDelay;
+        if (kTile < tiles) {
+          addScaled(sums[kTile % kSumTiles], _mm512_load_ps(weights.scales[kTile]), total);
+        }
+      }
+    });
+#pragma GCC unroll 16
+    for (size_t t = 0; t < kSide; ++t) _mm512_store_ps(acc[t], total[t]);
+  }
+
+ private:
+  // Tiles from a sum's beginning to its use: the tile unit takes its time.
+  static constexpr int kDelay = 2;
+  static constexpr int kMinimums = kSumTiles - 1;
+  static_assert(kDelay < kMinimums);
+
+  using Sums = float[kSumTiles][kSide][kSide];  // [tile][token][row]
+
+  template <int kTile>
+  [[gnu::always_inline]] static void sumCodes(const Tile& codes, const float* x,
+                                              float (&sums)[kSide][kSide]) {
+    constexpr int kSum = kTile % kSumTiles;
+    constexpr int kCodes = kTile % 2 == 0 ? kHighWeights : kLowWeights;
+    clearTile<kSum>();
+    streamTile<kCodes>(&codes);
+    loadTile<kHighInputs>(x);
+    multiplyTiles<kSum, kHighInputs, kCodes>();
+    loadTile<kLowInputs>(x + kLimb);
+    multiplyTiles<kSum, kLowInputs, kCodes>();
+    storeTile<kSum>(sums);
+  }
+
+  [[gnu::always_inline]] static void sumMinimums(const Tile& minimums, const float* x,
+                                                 float (&sums)[kSide][kSide]) {
+    clearTile<kMinimums>();
+    streamTile<kHighWeights>(&minimums);
+    loadTile<kHighInputs>(x);
+    multiplyTiles<kMinimums, kHighInputs, kHighWeights>();
+    storeTile<kMinimums>(sums);
+  }
+
+  [[gnu::always_inline]] static void addScaled(const float (&sums)[kSide][kSide], __m512 scale,
+                                               __m512 (&total)[kSide]) {
+#pragma GCC unroll 16
+    for (size_t t = 0; t < kSide; ++t) {
+      total[t] = _mm512_fmadd_ps(_mm512_load_ps(sums[t]), scale, total[t]);
     }
-    x += tiles * kInputTile;
+  }
+
+  // In every four, as a line of codes has its columns.
+  static __m512 swapMiddle(__m512 x) { return _mm512_permute_ps(x, 0xd8); }
+
+  // Lane 2s as both its high limb, lane 2s + 1 as both its low limb.
+  static void storeSums(const float* sums, float* out) {
+    const __m512 all = _mm512_load_ps(sums);
+    const __m512i high = roundUpper(all);
+    const __m512i limbs = _mm512_mask_mov_epi32(high, 0xaaaa, roundUpper(rest(all, high)));
+    _mm512_storeu_si512(out, upperHalves(limbs, limbs));
+  }
+};
+
+template <typename Product>
+void arrange(const float* x, size_t xStride, size_t tokens, size_t cols, float* out) {
+  for (size_t first = 0; first < cols; first += kPanelCols, out += kInputPanel) {
+    for (size_t t = 0; t < tokens; ++t) {
+      Product::arrange(x + t * xStride + first, cols - first, out + t * kSide);
+    }
   }
 }
 
-template <typename Type>
+// What a product works on.
+template <typename Product>
+struct Work {
+  typename Product::Panel weights[kRowTiles];
+  alignas(64) float acc[kRowTiles][kMaxBatch][kSide];  // [sixteen rows][token][row]
+  FilledPanel<Product> filled;
+};
+
+// Asks for the share of token tile `t`, and those that go with it, in the bytes of a panel's rows.
+template <typename Product>
+void askForRows(const uint8_t* at, size_t rowBytes, size_t t, size_t tokenTiles) {
+  const size_t end = t + Product::kTokenTiles < tokenTiles ? t + Product::kTokenTiles : tokenTiles;
+  for (size_t r = t * kSide / tokenTiles; r < end * kSide / tokenTiles; ++r) {
+    prefetch<2>(at + r * rowBytes, panelBytes<Product>());
+  }
+}
+
+// acc += rows . x for up to kRowsAtOnce rows.
+template <typename Product>
+void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                  const Batch& batch, Work<Product>& work) {
+  const size_t tokenTiles = (batch.tokens + kSide - 1) / kSide;
+  const float* x = batch.x;
+  for (size_t first = 0; first < cols; first += kPanelCols, x += kInputPanel) {
+    const size_t left = cols - first;
+    const bool isLast = left <= kPanelCols;
+    const uint8_t* at = rows + first / kPanelCols * panelBytes<Product>();
+    for (size_t r = 0; r < rowCount; r += kSide) {
+      Product::make(rowsOfPanel(at + r * rowBytes, rowBytes, rowCount - r, left, work.filled),
+                    tilesOf(left), work.weights[r / kSide]);
+    }
+    const uint8_t* nextRows = isLast ? rows + rowCount * rowBytes : at + panelBytes<Product>();
+    const float* nextInputs = isLast ? batch.x : x + kInputPanel;
+    for (size_t t = 0; t < tokenTiles; t += Product::kTokenTiles) {
+      const size_t token = t * kSide * batch.xStride;
+      for (size_t r = 0; r < rowCount; r += kSide) {
+        askForRows<Product>(nextRows + r * rowBytes, rowBytes, t, tokenTiles);
+        const Inputs inputs(x + token, nextInputs + token, r / kSide, batch.xStride);
+        Product::multiply(work.weights[r / kSide], tilesOf(left), inputs, tokenTiles - t,
+                          work.acc[r / kSide] + t * kSide);
+      }
+    }
+  }
+}
+
+template <typename Product>
 void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
-  static_assert(sizeof(Work<Type>) <= kBatchScratch * sizeof(float));
-  const TileScope scope(batch.tokens);
-  auto& work = *reinterpret_cast<Work<Type>*>(batch.scratch);
+  static_assert(sizeof(Work<Product>) <= kBatchScratch * sizeof(float));
+  const TileScope scope;
+  auto& work = *reinterpret_cast<Work<Product>*>(batch.scratch);
   for (size_t first = 0; first < rowCount; first += kRowsAtOnce) {
     const size_t count = rowCount - first < kRowsAtOnce ? rowCount - first : kRowsAtOnce;
-    __builtin_memset(work.acc, 0, sizeof work.acc);
+    for (size_t r = 0; r * kSide < count; ++r) {
+      __builtin_memset(work.acc[r], 0,
+                       (batch.tokens + kSide - 1) / kSide * kSide * sizeof work.acc[r][0]);
+    }
     multiplyRows(rows + first * rowBytes, rowBytes, count, cols, batch, work);
     for (size_t r = 0; r < count; r += kSide) {
       const __mmask16 lanes = firstLanes(count - r);
@@ -300,22 +364,22 @@ void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
   }
 }
 
-template <typename Type>
+template <typename Product>
 void use(KernelTable& table, size_t type) {
-  table.gemm[type] = gemm<Type>;
-  table.arrangeBatch[type] = arrange<Type>;
+  table.gemm[type] = gemm<Product>;
+  table.arrangeBatch[type] = arrange<Product>;
 }
 
 }  // namespace
 
 void addTileKernels(KernelTable& table) {
   table.name = "amx";
-  table.requiredFeatures |= 0x4;    // compat::kCpuAmx
-  use<Bf16Rows<Vector>>(table, 2);  // by kiv::QuantType
-  use<Q80Rows<Vector>>(table, 4);
-  use<Q4kRows<Vector>>(table, 5);
-  use<Q5kRows<Vector>>(table, 6);
-  use<Q6kRows<Vector>>(table, 7);
+  table.requiredFeatures |= 0x4;           // compat::kCpuAmx
+  use<LimbProduct<PlainTiles>>(table, 2);  // by kiv::QuantType
+  use<CodeProduct<Q80Tiles>>(table, 4);
+  use<CodeProduct<Q4kTiles>>(table, 5);
+  use<CodeProduct<Q5kTiles>>(table, 6);
+  use<LimbProduct<SplitTiles<Q6kRows<Vector>>>>(table, 7);
 }
 
 }  // namespace qwen35

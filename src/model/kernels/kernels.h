@@ -49,9 +49,9 @@ struct Batch {
   float* scratch;  // kBatchScratch floats of the calling thread, aligned to 64 bytes
 };
 
-inline constexpr size_t kMaxBatch = 64;
+inline constexpr size_t kMaxBatch = 256;
 // Decoded weights, or sums of every token, of whichever tier needs most.
-inline constexpr size_t kBatchScratch = 16 * 1024;
+inline constexpr size_t kBatchScratch = 144 * 1024;
 
 // As GemvKernel for every token of the batch. What comes of a token has the same bits whatever the
 // other tokens and their number. They are those of GemvKernel where the table has no form of its

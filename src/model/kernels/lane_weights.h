@@ -422,13 +422,5 @@ RowBytes<typename Type::Vector> rowsOfPanel(const uint8_t* at, size_t rowBytes, 
   return {filled.bytes, filled.kStride};
 }
 
-// Asks for the bytes of a panel's rows, into the second-level cache.
-template <typename Type>
-void prefetchPanel(const uint8_t* at, size_t rowBytes) {
-  for (size_t r = 0; r < Type::Vector::kWidth; ++r, at += rowBytes) {
-    prefetch<2>(at, panelBytes<Type>());
-  }
-}
-
 }  // namespace
 }  // namespace qwen35
