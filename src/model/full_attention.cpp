@@ -59,7 +59,6 @@ void project(Model& model, const Layer& layer, const float* x, size_t tokens) {
   model.team.forEach(tokens, [&](size_t t) {
     rmsNorm(x + t * hidden, floats(layer.attnNorm), w.normed.row(t), hidden, kEpsilon);
   });
-  for (TokenRows* rows : {&w.qkv, &w.key, &w.value}) rows->clearRows(tokens);
   Product products[] = {{layer.attnQ, w.normed, w.qkv, tokens},
                         {layer.attnK, w.normed, w.key, tokens},
                         {layer.attnV, w.normed, w.value, tokens}};
@@ -190,6 +189,7 @@ void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_
   const TokenRows& gated = model.work.gated;
   Product products[] = {
       {layer.attnOutput, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
+  products[0].adds = true;
   runProducts(model, products, [](size_t, size_t, size_t) {});
 }
 

@@ -62,7 +62,7 @@ void project(Model& model, Layer& layer, const States& states, const float* x, s
   model.team.forEach(tokens, [&](size_t t) {
     rmsNorm(x + t * hidden, floats(layer.attnNorm), w.normed.row(t), hidden, kEpsilon);
   });
-  for (TokenRows* rows : {&w.qkv, &w.conv, &w.gate, &w.beta, &w.alpha}) rows->clearRows(tokens);
+  if (rowCount(*layer.attnQkv) < model.convChannels()) w.conv.clearRows(tokens);
   Product products[] = {{layer.attnQkv, w.normed, w.qkv, tokens},
                         {layer.attnGate, w.normed, w.gate, tokens},
                         {layer.ssmBeta, w.normed, w.beta, tokens},
@@ -128,6 +128,7 @@ void linearAttention(Model& model, Layer& layer, const float* x, float* out, siz
   });
   const TokenRows& gated = model.work.gated;
   Product products[] = {{layer.ssmOut, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
+  products[0].adds = true;
   runProducts(model, products, [](size_t, size_t, size_t) {});
   layer.position += tokens;
   const HeadGates head0 = headGates(model, layer, 0, 0);

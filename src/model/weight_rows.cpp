@@ -14,7 +14,9 @@ using kiv::QuantType;
 namespace {
 
 constexpr size_t kPieceBytes = 32 * 1024;
-constexpr size_t kBatchPieceRows = 128;
+constexpr size_t kMinBatchPiece = 64;   // rows
+constexpr size_t kMaxBatchPiece = 256;  // more share the inputs that were brought near
+constexpr size_t kBatchPieces = 8;
 constexpr size_t kLineFloats = 16;
 
 const KernelTable& kernelsOf(const Model& model) {
@@ -30,14 +32,23 @@ bool isSuperBlock(QuantType type) {
   return type == QuantType::Q4_K || type == QuantType::Q5_K || type == QuantType::Q6_K;
 }
 
+// Clears columns first..last - 1 of y.
+void clear(const Product& product, size_t first, size_t last) {
+  if (product.adds || first >= last) return;
+  for (size_t t = 0; t < product.tokens; ++t) {
+    std::fill_n(product.y + t * product.yStride + first, last - first, 0.0f);
+  }
+}
+
 void lookUp(Model& model, Product& product) {
   const kiv::TensorView& W = *product.W;
   const auto type = static_cast<QuantType>(W.type);
   product.rows = rowCount(W);
   product.rowBytes = rowStride(type, W.dims[0]);
+  clear(product, product.rows, product.yStride);
   // A type that no weight may have adds nothing; binding refuses it.
   product.done = product.rowBytes == 0;
-  if (product.done) return;
+  if (product.done) return clear(product, 0, product.rows);
   const KernelTable& kernels = kernelsFor(model, type, W.dims[0]);
   product.gemv = kernels.gemv[static_cast<size_t>(type)];
   product.gemm = kernels.gemm[static_cast<size_t>(type)];
@@ -49,6 +60,7 @@ void lookUp(Model& model, Product& product) {
   product.arranged = product.x;
   product.arrangedStride = product.xStride;
   if (!model.work.isBatch && hasHook(model) && isSuperBlock(type)) {
+    clear(product, 0, product.rows);
     product.done = model.matVecHook(model.matVecContext, &W, product.x, product.y);
   }
 }
@@ -128,10 +140,13 @@ void rowToF32(const kiv::TensorView* tensor, size_t row, size_t n, float* out) {
   }
 }
 
-size_t rowsPerPiece(size_t rowBytes, bool isBatch) {
-  if (isBatch) return kBatchPieceRows;
-  const size_t rows = kPieceBytes / std::max<size_t>(rowBytes, 1);
-  return std::max(kLineFloats, rows / kLineFloats * kLineFloats);
+size_t rowsPerPiece(size_t rows, size_t rowBytes, bool isBatch) {
+  if (isBatch) {
+    const size_t share = rows / kBatchPieces / kMinBatchPiece * kMinBatchPiece;
+    return std::clamp(share, kMinBatchPiece, kMaxBatchPiece);
+  }
+  const size_t fitting = kPieceBytes / std::max<size_t>(rowBytes, 1);
+  return std::max(kLineFloats, fitting / kLineFloats * kLineFloats);
 }
 
 void prepare(Model& model, std::span<Product> products) {
@@ -139,8 +154,9 @@ void prepare(Model& model, std::span<Product> products) {
   arrangeInputs(model, products);
 }
 
-void addRows(Model& model, const Product& product, size_t first, size_t last, size_t thread) {
+void multiplyRows(Model& model, const Product& product, size_t first, size_t last, size_t thread) {
   if (product.done || first >= last) return;
+  clear(product, first, last);
   const uint8_t* rows = product.W->data + first * product.rowBytes;
   const size_t cols = product.W->dims[0];
   if (!model.work.isBatch) {
@@ -158,13 +174,14 @@ void addRows(Model& model, const Product& product, size_t first, size_t last, si
 
 void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y) {
   Product products[] = {{W, x, 0, y, 0, 1}};
+  products[0].adds = true;
   runProducts(model, products, [](size_t, size_t, size_t) {});
 }
 
 void addProduct(const KernelTable& kernels, QuantType type, const void* rows, size_t count,
                 size_t cols, const float* x, float* y) {
   const size_t rowBytes = rowStride(type, cols);
-  const size_t step = rowsPerPiece(rowBytes, false);
+  const size_t step = rowsPerPiece(count, rowBytes, false);
   const GemvKernel kernel = kernels.gemv[static_cast<size_t>(type)];
   ZeroedArray arranged;
   if (const ArrangeKernel arrange = kernels.arrange[static_cast<size_t>(type)]) {

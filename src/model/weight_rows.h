@@ -44,9 +44,10 @@ struct Product {
   const kiv::TensorView* W;
   const float* x;  // token t at x + t * xStride, dims[0] floats
   size_t xStride;
-  float* y;  // token t at y + t * yStride, one float a row; added to
+  float* y;  // token t at y + t * yStride, one float a row, zeros after the last
   size_t yStride;
   size_t tokens;
+  bool adds = false;  // to what is in y
 
   bool done = false;  // by the model's hook
   size_t rows = 0;
@@ -76,36 +77,36 @@ size_t arrangedWidth(uint64_t cols);
 // Whether an accelerated product is installed; it takes one token at a time.
 bool hasHook(const Model& model);
 
-// Rows of one piece: about 32 KiB of weights for one token, more for a batch, in whole cache lines
-// of y.
-size_t rowsPerPiece(size_t rowBytes, bool isBatch);
+// Rows of one piece out of `rows`: about 32 KiB of weights for one token, more for a batch, in whole
+// cache lines of y.
+size_t rowsPerPiece(size_t rows, size_t rowBytes, bool isBatch);
 
 // Looks up kernels and sizes of a group of products, offers each to the model's hook, and brings
-// the input into the forms that the kernels take.
+// the input into the forms that the kernels take. Clears what of y has no row.
 void prepare(Model& model, std::span<Product> products);
 
-// Adds rows first..last - 1 of the product, on the given thread of the model's team.
-void addRows(Model& model, const Product& product, size_t first, size_t last, size_t thread);
+// Computes rows first..last - 1 of the product, on the given thread of the model's team.
+void multiplyRows(Model& model, const Product& product, size_t first, size_t last, size_t thread);
 
-// Adds every product into its y in one parallel region; all read the same x, of which some may take
-// the first elements only. Then hands each finished run of rows to
+// Computes every product in one parallel region; all read the same x, of which some may take the
+// first elements only. Then hands each finished run of rows to
 // finish(productIndex, firstRow, lastRow) on the thread that computed it.
 template <size_t kCount, typename Finish>
 void runProducts(Model& model, Product (&products)[kCount], const Finish& finish) {
   prepare(model, products);
   size_t firstPiece[kCount + 1] = {};
   for (size_t p = 0; p < kCount; ++p) {
-    const size_t step = rowsPerPiece(products[p].rowBytes, model.work.isBatch);
+    const size_t step = rowsPerPiece(products[p].rows, products[p].rowBytes, model.work.isBatch);
     firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
   }
   model.team.forEach(firstPiece[kCount], [&](size_t piece, size_t thread) {
     size_t p = 0;
     while (piece >= firstPiece[p + 1]) ++p;
     const Product& product = products[p];
-    const size_t step = rowsPerPiece(product.rowBytes, model.work.isBatch);
+    const size_t step = rowsPerPiece(product.rows, product.rowBytes, model.work.isBatch);
     const size_t first = (piece - firstPiece[p]) * step;
     const size_t last = std::min(first + step, product.rows);
-    addRows(model, product, first, last, thread);
+    multiplyRows(model, product, first, last, thread);
     finish(p, first, last);
   });
 }
