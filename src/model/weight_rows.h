@@ -77,8 +77,8 @@ size_t arrangedWidth(uint64_t cols);
 // Whether an accelerated product is installed; it takes one token at a time.
 bool hasHook(const Model& model);
 
-// Rows of one piece out of `rows`: about 32 KiB of weights for one token, more for a batch, in whole
-// cache lines of y.
+// Rows of one piece out of `rows`: about 32 KiB of weights for one token, more for a batch, in
+// whole cache lines of y.
 size_t rowsPerPiece(size_t rows, size_t rowBytes, bool isBatch);
 
 // Looks up kernels and sizes of a group of products, offers each to the model's hook, and brings

@@ -253,15 +253,21 @@ int32_t Sampler::chooseByBins(const Scores& scores, float best, size_t kept, dou
 
 void Sampler::countBins(const Scores& scores, float best) {
   const WeighFunction weigh = widestWeigh();
-  counts_.assign(kBins, 0);
-  uint32_t* const counts = counts_.data();
+  counts_.assign(2 * kBins, 0);
+  // Two counts a bin, as addWeights has two sums.
+  uint32_t* const even = counts_.data();
+  uint32_t* const odd = even + kBins;
   float block[kBlock];
   for (size_t first = 0; first < scores.count; first += kBlock) {
     scoreBlock(scores.logits + first, scores.count - first, scores.factor, block);
     int16_t* const bins = bins_.data() + first;
     weigh(block, best, bins, nullptr);
-    for (size_t j = 0; j < kBlock; ++j) ++counts[bins[j]];
+    for (size_t j = 0; j < kBlock; j += 2) {
+      ++even[bins[j]];
+      ++odd[bins[j + 1]];
+    }
   }
+  for (size_t bin = 0; bin < kBins; ++bin) even[bin] += odd[bin];
 }
 
 // Sums up the weights of the bins up to the last one that counts. Where that is not the last of
@@ -290,8 +296,8 @@ void Sampler::addWeights(const Scores& scores, float best, int16_t last) {
 
 // The candidates of a bin, best first.
 std::span<const Sampler::Candidate> Sampler::ranked(const Scores& scores, int16_t bin) {
-  candidates_.clear();
-  candidates_.reserve(scores.count);  // the one allocation, whatever the later calls need
+  candidates_.resize(scores.count);  // the one allocation, whatever the later calls need
+  Candidate* end = candidates_.data();
   const __m128i wanted = _mm_set1_epi16(bin);
   for (size_t first = 0; first < scores.count; first += 8) {
     __m128i bins;
@@ -300,14 +306,12 @@ std::span<const Sampler::Candidate> Sampler::ranked(const Scores& scores, int16_
     for (; hits != 0; hits &= hits - 1) {
       const size_t i =
           first + static_cast<size_t>(std::countr_zero(static_cast<unsigned>(hits))) / 2;
-      if (i < scores.count) candidates_.push_back(scores.candidate(i));
+      if (i < scores.count) *end++ = scores.candidate(i);
     }
   }
   // Equal scores are in order already.
-  if (!std::is_sorted(candidates_.begin(), candidates_.end())) {
-    std::sort(candidates_.begin(), candidates_.end());
-  }
-  return candidates_;
+  if (!std::is_sorted(candidates_.data(), end)) std::sort(candidates_.data(), end);
+  return {candidates_.data(), end};
 }
 
 }  // namespace qwen35
