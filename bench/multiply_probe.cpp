@@ -16,25 +16,37 @@ constexpr size_t kRounds = size_t{1} << 20;
 constexpr int kPasses = 5;
 
 // As many independent sums as hide the latency of a multiply-add and fit 16 registers.
-constexpr size_t kSums = 12;
+constexpr size_t kPairs = 6;
+constexpr size_t kSums = 2 * kPairs;
 
 template <size_t kWidth>
 struct Vector {
   typedef float Type __attribute__((vector_size(kWidth)));
 };
 
+// Each pair of sums turns slowly round a circle. So the numbers keep all their bits, as weights and
+// inputs have them: a processor's clock depends on how many it has to switch.
 template <size_t kWidth>
 [[gnu::always_inline]] inline float multiplyAdd() {
   using Floats = typename Vector<kWidth>::Type;
-  volatile float factor = 0.5f;
-  const Floats a = Floats{} + factor;
-  const Floats b = Floats{} + factor;
-  Floats sums[kSums] = {};
-  // The compiler would make one sum of all that are equal.
-  for (Floats& sum : sums) __asm__("" : "+x"(sum));
+  volatile float angle = 0x1.234566p-20f;
+  const Floats forth = Floats{} + angle;
+  const Floats back = -forth;
+  Floats sums[kSums];
+  uint32_t bits = 1;
+  for (Floats& sum : sums) {
+    for (size_t lane = 0; lane < kWidth / sizeof(float); ++lane) {
+      bits = bits * 1664525 + 1013904223;
+      sum[lane] = static_cast<float>(bits) * 0x1p-32f;
+    }
+  }
   for (size_t round = 0; round < kRounds; ++round) {
-#pragma GCC unroll 12
-    for (size_t s = 0; s < kSums; ++s) sums[s] = sums[s] * a + b;
+#pragma GCC unroll 6
+    for (size_t s = 0; s < kSums; s += 2) {
+      const Floats before = sums[s];
+      sums[s] = sums[s + 1] * forth + before;
+      sums[s + 1] = before * back + sums[s + 1];
+    }
   }
   Floats total{};
   for (const Floats& sum : sums) total += sum;
