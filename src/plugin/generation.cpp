@@ -25,11 +25,17 @@ bool hasEmbedding(const Model& model, int32_t token) {
   return token >= 0 && static_cast<uint64_t>(token) < model.vocabularySize;
 }
 
-// How many of the tokens can be fed in one pass: as many as there are, fit the context and have an
-// embedding row.
+size_t quotientUp(size_t a, size_t b) { return (a + b - 1) / b; }
+
+// How many of the tokens can be fed in one pass: they fit the context and have an embedding row. A
+// prompt that takes several passes is cut evenly: one over few tokens takes nearly as long as one
+// over many.
 size_t batchSize(const Qwen35Session& session, std::span<const int32_t> tokens) {
   const Model& model = session.model;
-  const size_t most = std::min({tokens.size(), kMaxBatch, model.maxContext - session.position});
+  const size_t fitting = std::min(tokens.size(), model.maxContext - session.position);
+  if (fitting == 0) return 0;
+  const size_t share = quotientUp(fitting, quotientUp(fitting, kMaxBatch));
+  const size_t most = std::min(fitting, quotientUp(share, kTokenGroup) * kTokenGroup);
   size_t count = 0;
   while (count < most && hasEmbedding(model, tokens[count])) ++count;
   return count;
