@@ -144,7 +144,7 @@ def kernel_report(folder, plots):
     for kind, speed, share, unit, title in (
             ("one_token", "B/s", "of_read", "GB/s", "Products of one token, share of a pure read"),
             ("batch", "FLOP/s", "of_multiply", "GFLOP/s",
-             "Products of 64 tokens, share of multiply-adds in registers")):
+             "Products of 256 tokens, share of multiply-adds in registers")):
         # A tier has products from the one below it, which are not measured again.
         tiers = [tier for tier in every_tier if any(key[:3:2] == (kind, tier) for key in results)]
         for threads in counts:
