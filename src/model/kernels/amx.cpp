@@ -22,8 +22,8 @@
 namespace qwen35 {
 namespace {
 
-// Tile registers: four of sums, two limbs of weights and two of inputs. GCC's intrinsics take
-// literals only, and do not say what they read.
+// Tile registers: four of sums, two limbs of weights, or two tiles of codes, and two limbs of
+// inputs. GCC's intrinsics take literals only, and do not say what they read.
 constexpr int kHighWeights = 4;
 constexpr int kLowWeights = 5;
 constexpr int kHighInputs = 6;
