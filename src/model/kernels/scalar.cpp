@@ -68,21 +68,13 @@ void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
   }
 }
 
-// Each chunk is dequantized once for up to kTokens tokens.
+constexpr size_t kTokens = 64;  // whose sums and inputs a near cache holds
+
+// Each chunk is dequantized once for all tokens, kTokens at most.
 template <void (*kDequantize)(const uint8_t*, float*, uint64_t), size_t kChunkBytes>
-void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
+void multiplyTokens(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                    const Batch& batch) {
   constexpr size_t kChunk = 256;
-  constexpr size_t kTokens = 64;  // whose sums and inputs a near cache holds
-  if (batch.tokens > kTokens) {
-    Batch part = batch;
-    for (size_t t = 0; t < batch.tokens; t += kTokens) {
-      part.x = batch.x + t * batch.xStride;
-      part.y = batch.y + t * batch.yStride;
-      part.tokens = std::min(kTokens, batch.tokens - t);
-      gemm<kDequantize, kChunkBytes>(rows, rowBytes, rowCount, cols, part);
-    }
-    return;
-  }
   float weights[kChunk];
   for (size_t r = 0; r < rowCount; ++r) {
     const uint8_t* chunk = rows + r * rowBytes;
@@ -95,6 +87,17 @@ void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
       }
     }
     for (size_t t = 0; t < batch.tokens; ++t) batch.y[t * batch.yStride + r] += sums[t].total();
+  }
+}
+
+template <void (*kDequantize)(const uint8_t*, float*, uint64_t), size_t kChunkBytes>
+void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
+  Batch part = batch;
+  for (size_t t = 0; t < batch.tokens; t += kTokens) {
+    part.x = batch.x + t * batch.xStride;
+    part.y = batch.y + t * batch.yStride;
+    part.tokens = std::min(kTokens, batch.tokens - t);
+    multiplyTokens<kDequantize, kChunkBytes>(rows, rowBytes, rowCount, cols, part);
   }
 }
 
