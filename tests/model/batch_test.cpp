@@ -198,7 +198,8 @@ TEST_P(ForwardBatchTest, EverySplitOfAPromptGivesTheSameBits) {
 }
 
 TEST_P(ForwardBatchTest, EverySplitOfALongPromptGivesTheSameBits) {
-  if (&kernels() == &qwen35::kScalarKernels) return;  // takes one token at a time, and takes long
+  // Takes long; BatchedProductTest goes beyond the groups of its products.
+  if (&kernels() == &qwen35::kScalarKernels) GTEST_SKIP();
   SmallModel small(mixedOptions(), &kernels(), 256);
   const std::vector<int32_t> prompt = somePrompt(small.model, 200);
   const Outcome expected = feed(small.model, prompt, prompt.size());
