@@ -53,14 +53,15 @@ static void countThreads(const char* bytes, unsigned int length, void* user) {
   if (now > *(int*)user) *(int*)user = now;
 }
 
-/* Windows counts processor time in steps, and what is left of the work before may make one full. */
+/* Windows counts the processor time of user and kernel in steps of 10 ms each, and what is left of
+   the work before may make both full. */
 #if defined(_WIN32)
-#define CLOCK_STEP 0.010
+#define CLOCK_STEPS 0.020
 #else
-#define CLOCK_STEP 0.0
+#define CLOCK_STEPS 0.0
 #endif
 
-#define MOST_ASLEEP (ORB_SANITIZED ? 0.05 : 0.005 + CLOCK_STEP)
+#define MOST_ASLEEP (ORB_SANITIZED ? 0.05 : 0.005 + CLOCK_STEPS)
 
 static double timeAsleep(void) {
   const double before = processorSeconds();
