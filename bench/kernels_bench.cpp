@@ -4,9 +4,12 @@
 // measured in the same run, with as many threads. Rows as long as a 4B model's hidden size.
 #include <benchmark/benchmark.h>
 #include <omp.h>
+#include <sys/mman.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -32,40 +35,53 @@ constexpr uint16_t kHalf = 0x1c00;  // 2^-8: keeps sums in range whatever the co
 constexpr QuantType kTypes[] = {QuantType::F32,  QuantType::BF16, QuantType::Q8_0,
                                 QuantType::Q4_K, QuantType::Q5_K, QuantType::Q6_K};
 
+struct Free {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+// Memory of large pages where the system has them, as mapped model files are.
+std::unique_ptr<uint8_t, Free> allocateLargePages(size_t bytes) {
+  constexpr size_t kPage = size_t{2} << 20;
+  auto* memory = static_cast<uint8_t*>(std::aligned_alloc(kPage, bytes));
+  if (memory == nullptr) throw std::bad_alloc();
+  madvise(memory, bytes, MADV_HUGEPAGE);
+  return std::unique_ptr<uint8_t, Free>(memory);
+}
+
 // Weights of one type: any codes under ordinary scales.
 class Weights {
  public:
   explicit Weights(QuantType type)
-      : type_(type), rowBytes_(qwen35::rowStride(type, kCols)), bytes_(kBytes) {
+      : type_(type), rowBytes_(qwen35::rowStride(type, kCols)), bytes_(allocateLargePages(kBytes)) {
     uint64_t state = 1;
-    for (size_t at = 0; at + 8 <= bytes_.size(); at += 8) {
+    for (size_t at = 0; at + 8 <= kBytes; at += 8) {
       state = state * 6364136223846793005u + 1442695040888963407u;
       // Numbers of either sign from 2^-7 to 2^-3: denormal ones would be slow.
       const uint64_t word = type == QuantType::F32 || type == QuantType::BF16
                                 ? (state & 0x81ff81ff81ff81ffu) | 0x3c003c003c003c00u
                                 : state ^ state >> 29;
-      std::memcpy(bytes_.data() + at, &word, sizeof word);
+      std::memcpy(bytes_.get() + at, &word, sizeof word);
     }
     const size_t block = kiv::quant::quantizedBytes(type, kiv::quant::blockElements(type));
-    for (size_t at = 0; at + block <= bytes_.size() && block > 4; at += block) setScales(at, block);
+    for (size_t at = 0; at + block <= kBytes && block > 4; at += block) setScales(at, block);
   }
 
-  const uint8_t* data() const { return bytes_.data(); }
+  const uint8_t* data() const { return bytes_.get(); }
   size_t rowBytes() const { return rowBytes_; }
   size_t rows(size_t bytes) const { return bytes / rowBytes_; }
 
  private:
   void setScales(size_t at, size_t block) {
     if (type_ == QuantType::Q6_K) at += block - 2;
-    std::memcpy(bytes_.data() + at, &kHalf, sizeof kHalf);
+    std::memcpy(bytes_.get() + at, &kHalf, sizeof kHalf);
     if (type_ == QuantType::Q4_K || type_ == QuantType::Q5_K) {
-      std::memcpy(bytes_.data() + at + 2, &kHalf, sizeof kHalf);
+      std::memcpy(bytes_.get() + at + 2, &kHalf, sizeof kHalf);
     }
   }
 
   QuantType type_;
   size_t rowBytes_;
-  std::vector<uint8_t> bytes_;
+  std::unique_ptr<uint8_t, Free> bytes_;
 };
 
 // One type's weights at a time.

@@ -101,7 +101,8 @@ void testIdleBetweenCalls(void) {
   CHECK_IDLE();
 }
 
-/* What the allocator keeps of freed memory depends on when threads end, so it is given back first. */
+/* What the allocator keeps of freed memory depends on when threads end, so it is given back first.
+ */
 static long heldKiB(void) {
 #if defined(__GLIBC__)
   malloc_trim(0);

@@ -171,31 +171,32 @@ struct KProducts {
     for (Float& a : acc) a = Vector::zero();
     const uint8_t* next = rows + kRows * rowBytes;
     for (; cols >= kElements; cols -= kElements, x += kArrangedBlock, rows += Block::kBytes) {
-      prefetch<kLength == Rows::Short ? 3 : 2>(next, kRows * Block::kBytes);
+      addBlocks<kRows, kLength>(rows, rowBytes, x, next, acc);
       next += kRows * Block::kBytes;
-      addBlocks<kRows>(rows, rowBytes, x, acc);
     }
     for (size_t r = 0; r < kRows; ++r) y[r] += Vector::total(acc[r]);
   }
 
-  template <size_t kRows>
+  template <size_t kRows, Rows kLength>
   [[gnu::always_inline]] static void addBlocks(const uint8_t* rows, size_t rowBytes, const float* x,
-                                               Float (&acc)[kRows]) {
+                                               const uint8_t* next, Float (&acc)[kRows]) {
     if constexpr (kRows == 1) {
-      addBlocks<1>({Pair<Block>(rows, rows)}, x, acc);
+      addBlocks<1, kLength>({Pair<Block>(rows, rows)}, x, next, acc);
     } else if constexpr (kRows == 2) {
-      addBlocks<2>({Pair<Block>(rows, rows + rowBytes)}, x, acc);
+      addBlocks<2, kLength>({Pair<Block>(rows, rows + rowBytes)}, x, next, acc);
     } else {
       static_assert(kRows == 4);
-      addBlocks<4>({Pair<Block>(rows, rows + rowBytes),
-                    Pair<Block>(rows + 2 * rowBytes, rows + 3 * rowBytes)},
-                   x, acc);
+      addBlocks<4, kLength>({Pair<Block>(rows, rows + rowBytes),
+                             Pair<Block>(rows + 2 * rowBytes, rows + 3 * rowBytes)},
+                            x, next, acc);
     }
   }
 
-  template <size_t kRows>
+  template <size_t kRows, Rows kLength>
   [[gnu::always_inline]] static void addBlocks(const Pair<Block> (&pairs)[(kRows + 1) / 2],
-                                               const float* x, Float (&acc)[kRows]) {
+                                               const float* x, const uint8_t* next,
+                                               Float (&acc)[kRows]) {
+    constexpr int kLevel = kLength == Rows::Short ? 3 : 2;
     if constexpr (kOffsets != 0) {
 #pragma GCC unroll 2
       for (size_t i = 0; i < kOffsets; ++i) {
@@ -222,6 +223,8 @@ struct KProducts {
           Float& s = sum[r][i % kChains];
           s = i < kChains ? Vector::mul(codes, input) : Vector::fma(codes, input, s);
         }
+        prefetchPart<Vector, kLevel, kRows * Block::kBytes, kRegisters>(next, j,
+                                                                        sum[0][i % kChains]);
       }
 #pragma GCC unroll 4
       for (size_t r = 0; r < kRows; ++r) {

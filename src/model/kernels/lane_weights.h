@@ -15,6 +15,7 @@
 //     static Float zero(), each(value), load(at), add(a, b), mul(a, b), fma(a, b, c);
 //     static void store(float* at, Float v);
 //     static void keep(Float& v);           // in its register: GCC would load it for every use
+//     static void prefetchAfter<kLevel>(const uint8_t* at, Float& work);  // asked for after `work`
 //     static float total(Float v);          // sum of the lanes, in a fixed order
 //     static Int eachInt(value), eachByte(value), bitAnd(a, b), bitXor(a, b);
 //     static Int join(a, maskA, b, maskB);  // what masks for each byte leave; no bit is in both

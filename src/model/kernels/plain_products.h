@@ -55,8 +55,7 @@ struct PlainProducts {
     const size_t blocks = cols / Decoder::kElements;
     for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
       const uint8_t* at = rows + b * Decoder::kBytes;
-      prefetch<2>(rows + kRows * rowBytes + b * kRows * Decoder::kBytes, kRows * Decoder::kBytes);
-      addBlocks<kRows>(at, rowBytes, x, acc);
+      addBlocks<kRows>(at, rowBytes, x, rows + kRows * rowBytes + b * kRows * Decoder::kBytes, acc);
     }
     if constexpr (HasTail<Decoder>) {
       const size_t left = cols % Decoder::kElements;
@@ -83,12 +82,13 @@ struct PlainProducts {
 
   template <size_t kRows>
   [[gnu::always_inline]] static void addBlocks(const uint8_t* at, size_t rowBytes, const float* x,
-                                               Float (&acc)[kRows]) {
+                                               const uint8_t* next, Float (&acc)[kRows]) {
 #pragma GCC unroll 4
     for (size_t r = 0; r < kRows; ++r) {
       Decoder{at + r * rowBytes}.decode([&](size_t i, Float w) {
         acc[r] = Vector::fma(w, Vector::load(x + kWidth * i), acc[r]);
       });
+      prefetchPart<Vector, 2, kRows * Decoder::kBytes, kRows>(next, r, acc[r]);
     }
   }
 };

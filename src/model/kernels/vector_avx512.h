@@ -27,6 +27,16 @@ struct Vector {
   static Float mul(Float a, Float b) { return _mm512_mul_ps(a, b); }
   static Float fma(Float a, Float b, Float c) { return _mm512_fmadd_ps(a, b, c); }
   static void keep(Float& v) { __asm__("" : "+v"(v)); }
+  // Compilers would gather what only asks for memory.
+  template <int kLevel>
+  static void prefetchAfter(const uint8_t* at, Float& work) {
+    if constexpr (kLevel == 3) {
+      __asm__ volatile("prefetcht0 %1" : "+v"(work) : "m"(*at));
+    } else {
+      static_assert(kLevel == 2);
+      __asm__ volatile("prefetcht1 %1" : "+v"(work) : "m"(*at));
+    }
+  }
   // Lanes i and i + 8 first, then i and i + 4, i + 2, i + 1.
   static float total(Float v) { return _mm512_reduce_add_ps(v); }
 
