@@ -101,8 +101,7 @@ void testIdleBetweenCalls(void) {
   CHECK_IDLE();
 }
 
-/* What the allocator keeps of freed memory depends on when threads end, so it is given back first.
- */
+/* What the allocator keeps depends on when threads end, so it is made to give that back first. */
 static long heldKiB(void) {
 #if defined(__GLIBC__)
   malloc_trim(0);
