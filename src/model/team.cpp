@@ -90,6 +90,7 @@ void Team::publish(size_t pieces, const Callable& body) {
 }
 
 void Team::takePieces(size_t self) {
+  uint32_t done = 0;  // counted once: the threads' count is a cache line that they take in turns
   for (size_t t = 0; t < threads_; ++t) {
     std::atomic<uint64_t>& share = shares_[(self + t) % threads_].endAndNext;
     for (;;) {
@@ -102,8 +103,12 @@ void Team::takePieces(size_t self) {
       // The claim holds the job open, so job_ is the one that the piece belongs to even when this
       // thread slept through the end of an earlier one.
       job_.call(job_.context, piece, self);
-      if (unfinished_.fetch_sub(1, std::memory_order_acq_rel) == 1) compat::wakeOne(unfinished_);
+      done += 1;
     }
+  }
+  if (done == 0) return;
+  if (unfinished_.fetch_sub(done, std::memory_order_acq_rel) == done) {
+    compat::wakeOne(unfinished_);
   }
 }
 
