@@ -313,7 +313,7 @@ struct Q6k {
 
 float dot(const float* a, const float* b, size_t n) {
   float result = 0;
-  PlainProducts<F32Decoder>::dotRows<1>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
+  PlainProducts<F32Decoder>::dotRows<1, 2>(reinterpret_cast<const uint8_t*>(a), 0, n, b, &result);
   return result;
 }
 

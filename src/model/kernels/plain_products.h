@@ -42,20 +42,24 @@ struct PlainProducts {
 
   static void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                    const float* x, float* y) {
-    size_t r = 0;
-    for (; r + 4 <= rowCount; r += 4) dotRows<4>(rows + r * rowBytes, rowBytes, cols, x, y + r);
-    for (; r < rowCount; ++r) dotRows<1>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    if (4 * rowBytes <= kNearBytes) {
+      dotGroups<3>(rows, rowBytes, rowCount, cols, x, y);
+    } else {
+      dotGroups<2>(rows, rowBytes, rowCount, cols, x, y);
+    }
   }
 
-  // y[r] += row r . x for kRows rows at once, one or four.
-  template <size_t kRows>
+  // y[r] += row r . x for kRows rows at once, one or four. Asks for the bytes of as many rows after
+  // them, into the first-level cache (kLevel 3) or the second (2).
+  template <size_t kRows, int kLevel>
   static void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
     Float acc[kRows];
     for (Float& a : acc) a = Vector::zero();
     const size_t blocks = cols / Decoder::kElements;
     for (size_t b = 0; b < blocks; ++b, x += Decoder::kElements) {
       const uint8_t* at = rows + b * Decoder::kBytes;
-      addBlocks<kRows>(at, rowBytes, x, rows + kRows * rowBytes + b * kRows * Decoder::kBytes, acc);
+      addBlocks<kRows, kLevel>(at, rowBytes, x,
+                               rows + kRows * rowBytes + b * kRows * Decoder::kBytes, acc);
     }
     if constexpr (HasTail<Decoder>) {
       const size_t left = cols % Decoder::kElements;
@@ -72,6 +76,19 @@ struct PlainProducts {
   }
 
  private:
+  // Of the rows that are asked for: what leaves room for others in the first-level cache.
+  static constexpr size_t kNearBytes = 16 * 1024;
+
+  template <int kLevel>
+  static void dotGroups(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
+                        const float* x, float* y) {
+    size_t r = 0;
+    for (; r + 4 <= rowCount; r += 4) {
+      dotRows<4, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    }
+    for (; r < rowCount; ++r) dotRows<1, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+  }
+
   // The last elements of a row or an input, filled up with zeros to a register.
   struct Tail {
     alignas(64) uint8_t bytes[kWidth * sizeof(float)] = {};
@@ -80,7 +97,7 @@ struct PlainProducts {
     const float* floats() const { return reinterpret_cast<const float*>(bytes); }
   };
 
-  template <size_t kRows>
+  template <size_t kRows, int kLevel>
   [[gnu::always_inline]] static void addBlocks(const uint8_t* at, size_t rowBytes, const float* x,
                                                const uint8_t* next, Float (&acc)[kRows]) {
 #pragma GCC unroll 4
@@ -88,7 +105,7 @@ struct PlainProducts {
       Decoder{at + r * rowBytes}.decode([&](size_t i, Float w) {
         acc[r] = Vector::fma(w, Vector::load(x + kWidth * i), acc[r]);
       });
-      prefetchPart<Vector, 2, kRows * Decoder::kBytes, kRows>(next, r, acc[r]);
+      prefetchPart<Vector, kLevel, kRows * Decoder::kBytes, kRows>(next, r, acc[r]);
     }
   }
 };
