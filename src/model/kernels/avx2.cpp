@@ -97,7 +97,7 @@ struct Vector {
   static Int unpackHigh64(Int a, Int b) { return _mm256_unpackhi_epi64(a, b); }
 };
 
-// Decoders (model/kernels/plain_products.h). The weights are those of the block's formula, exactly.
+// Decoders (model/kernels/plain_products.h). Weights, or codes, are exact.
 
 struct F32Decoder {
   using Vector = qwen35::Vector;
@@ -141,9 +141,9 @@ struct Q80Decoder {
 
   template <typename Use>
   void decode(const Use& use) const {
-    const __m256 d = _mm256_set1_ps(halfAt(block));
-    for (size_t i = 0; i < 4; ++i) use(i, _mm256_mul_ps(signedCodes(block + 2 + 8 * i), d));
+    for (size_t i = 0; i < 4; ++i) use(i, signedCodes(block + 2 + 8 * i));
   }
+  __m256 factor() const { return _mm256_set1_ps(halfAt(block)); }
 };
 
 // K-quants (model/kernels/k_products.h).

@@ -31,7 +31,7 @@ inline __m256i load32(const uint8_t* at) {
 
 inline __mmask16 firstLanes(size_t n) { return static_cast<__mmask16>((1u << n) - 1); }
 
-// Decoders (model/kernels/plain_products.h). The weights are those of the block's formula, exactly.
+// Decoders (model/kernels/plain_products.h). Weights, or codes, are exact.
 
 struct F32Decoder {
   using Vector = qwen35::Vector;
@@ -71,14 +71,15 @@ struct Q80Decoder {
 
   template <typename Use>
   void decode(const Use& use) const {
+    for (size_t i = 0; i < 2; ++i) {
+      use(i, _mm512_cvtepi32_ps(_mm512_cvtepi8_epi32(load16(block + 2 + 16 * i))));
+    }
+  }
+  __m512 factor() const {
     uint16_t half;
     __builtin_memcpy(&half, block, sizeof half);
     // Spread before it is converted: an operation less than the other way round.
-    const __m512 d = _mm512_cvtph_ps(_mm256_set1_epi16(static_cast<short>(half)));
-    for (size_t i = 0; i < 2; ++i) {
-      const __m512i codes = _mm512_cvtepi8_epi32(load16(block + 2 + 16 * i));
-      use(i, _mm512_mul_ps(_mm512_cvtepi32_ps(codes), d));
-    }
+    return _mm512_cvtph_ps(_mm256_set1_epi16(static_cast<short>(half)));
   }
 };
 

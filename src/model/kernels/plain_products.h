@@ -15,6 +15,7 @@
 //                                             // of one register
 //     const uint8_t* block;
 //     void decode(const Use& use) const;    // use(register number, weights), in element order
+//     Float factor() const;                 // of the block's weights, if they have one
 //   };
 #pragma once
 
@@ -31,6 +32,12 @@ namespace {
 template <typename Decoder>
 concept HasTail = requires {
   Decoder::kElementBytes;
+};
+
+// Weights with a factor that is applied to a block's sum.
+template <typename Decoder>
+concept HasFactor = requires(const Decoder& decoder) {
+  decoder.factor();
 };
 
 template <typename Decoder>
@@ -97,14 +104,26 @@ struct PlainProducts {
     const float* floats() const { return reinterpret_cast<const float*>(bytes); }
   };
 
+  [[gnu::always_inline]] static void addBlock(const Decoder& weights, const float* x, Float& acc) {
+    if constexpr (HasFactor<Decoder>) {
+      Float sum;
+      weights.decode([&](size_t i, Float w) {
+        const Float input = Vector::load(x + kWidth * i);
+        sum = i == 0 ? Vector::mul(w, input) : Vector::fma(w, input, sum);
+      });
+      acc = Vector::fma(sum, weights.factor(), acc);
+    } else {
+      weights.decode(
+          [&](size_t i, Float w) { acc = Vector::fma(w, Vector::load(x + kWidth * i), acc); });
+    }
+  }
+
   template <size_t kRows, int kLevel>
   [[gnu::always_inline]] static void addBlocks(const uint8_t* at, size_t rowBytes, const float* x,
                                                const uint8_t* next, Float (&acc)[kRows]) {
 #pragma GCC unroll 4
     for (size_t r = 0; r < kRows; ++r) {
-      Decoder{at + r * rowBytes}.decode([&](size_t i, Float w) {
-        acc[r] = Vector::fma(w, Vector::load(x + kWidth * i), acc[r]);
-      });
+      addBlock(Decoder{at + r * rowBytes}, x, acc[r]);
       prefetchPart<Vector, kLevel, kRows * Decoder::kBytes, kRows>(next, r, acc[r]);
     }
   }
