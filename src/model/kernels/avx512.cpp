@@ -143,6 +143,17 @@ struct Nibbles {
   }
 };
 
+// The number in the lowest four, or five, bits of every lane, looked up: a mask less.
+inline __m512 lowestFourBits(__m512i lanes) {
+  return _mm512_permutexvar_ps(
+      lanes, _mm512_setr_ps(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15));
+}
+inline __m512 lowestFiveBits(__m512i lanes) {
+  return _mm512_permutex2var_ps(
+      _mm512_setr_ps(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15), lanes,
+      _mm512_setr_ps(16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31));
+}
+
 struct Q4k : SubBlocks {
   using Vector = qwen35::Vector;
   static constexpr size_t kBytes = 144;
@@ -158,6 +169,7 @@ struct Q4k : SubBlocks {
   }
   __m512 codes(size_t j) const {
     const __m512i lanes = nibbles.half[j % 8 / 4];
+    if (bit(j) == 0) return lowestFourBits(lanes);
     return _mm512_cvtepi32_ps(bit(j) == 28
                                   ? _mm512_srli_epi32(lanes, 28)
                                   : _mm512_and_si512(lanes, _mm512_set1_epi32(0x0f << bit(j))));
@@ -186,7 +198,10 @@ struct Q5k : SubBlocks {
   static constexpr Place place(size_t j, size_t lane) {
     return {element(j / 8, j % 8 / 4, j % 4, lane), byteShift(j % 4)};
   }
-  __m512 codes(size_t j) const { return byteOfLanes<0>(bytes[j / 8][j % 8 / 4], j % 4); }
+  __m512 codes(size_t j) const {
+    const __m512i lanes = bytes[j / 8][j % 8 / 4];
+    return j % 4 == 0 ? lowestFiveBits(lanes) : byteOfLanes<0>(lanes, j % 4);
+  }
 
  private:
   static __m512i join(__m512i nibbles, __m512i fifthAtBit4) {

@@ -207,11 +207,9 @@ struct KProducts {
         }
       }
     }
-    // Long sums of few rows would wait for their own multiply-adds: these are two each.
-    constexpr size_t kChains = kRows < 4 && kPerGroup > 4 ? 2 : 1;
 #pragma GCC unroll 8
     for (size_t g = 0; g < Block::kGroups; ++g) {
-      Float sum[kRows][kChains];
+      Float sum[kRows];
 #pragma GCC unroll 8
       for (size_t i = 0; i < kPerGroup; ++i) {
         const size_t j = g * kPerGroup + i;
@@ -220,17 +218,13 @@ struct KProducts {
 #pragma GCC unroll 4
         for (size_t r = 0; r < kRows; ++r) {
           const Float codes = pairs[r / 2].block[r % 2].codes(j);
-          Float& s = sum[r][i % kChains];
-          s = i < kChains ? Vector::mul(codes, input) : Vector::fma(codes, input, s);
+          sum[r] = i == 0 ? Vector::mul(codes, input) : Vector::fma(codes, input, sum[r]);
         }
-        prefetchPart<Vector, kLevel, kRows * Block::kBytes, kRegisters>(next, j,
-                                                                        sum[0][i % kChains]);
+        prefetchPart<Vector, kLevel, kRows * Block::kBytes, kRegisters>(next, j, sum[0]);
       }
 #pragma GCC unroll 4
       for (size_t r = 0; r < kRows; ++r) {
-        const Float scale = pairs[r / 2].block[r % 2].scale(g);
-#pragma GCC unroll 2
-        for (size_t c = 0; c < kChains; ++c) acc[r] = Vector::fma(sum[r][c], scale, acc[r]);
+        acc[r] = Vector::fma(sum[r], pairs[r / 2].block[r % 2].scale(g), acc[r]);
       }
     }
   }
