@@ -2,8 +2,8 @@
 //
 // A forward pass is one parallel region: its own thread goes through the layers and publishes a job
 // for each matrix product or head loop; the others stand by and take pieces of it. A job is over
-// when its pieces are done, not when every thread has come by, so that a thread which the system
-// holds up delays the pass by the piece in its hands at most.
+// when its pieces are done and counted, not when every thread has come by: others do the pieces
+// that a thread which the system holds up has not begun, and wait for it only if it has begun one.
 #pragma once
 
 #include <array>

@@ -55,7 +55,7 @@ struct Vector {
   static Float mul(Float a, Float b) { return _mm256_mul_ps(a, b); }
   static Float fma(Float a, Float b, Float c) { return _mm256_fmadd_ps(a, b, c); }
   static void keep(Float& v) { __asm__("" : "+x"(v)); }
-  // Not held in its place: with half the registers that costs more than it gives.
+  // Not tied to its place: that was slower here.
   template <int kLevel>
   static void prefetchAfter(const uint8_t* at, Float&) {
     __builtin_prefetch(at, 0, kLevel);
