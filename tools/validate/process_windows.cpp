@@ -55,12 +55,19 @@ HANDLE start(const std::vector<std::string>& arguments, HANDLE writeEnd) {
   streams.hStdOutput = writeEnd;
   streams.hStdError = writeEnd;
   PROCESS_INFORMATION process{};
-  if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &streams,
-                     &process) == 0) {
-    return nullptr;
+  // A system with much to do refuses now and then; nothing of the plug-in has run by then.
+  constexpr int kAttempts = 5;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    std::wstring words = line;  // which the call may write to
+    if (CreateProcessW(nullptr, words.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &streams,
+                       &process) != 0) {
+      CloseHandle(process.hThread);
+      return process.hProcess;
+    }
+    std::fprintf(stderr, "orb: a process could not be started (error %lu)\n", GetLastError());
+    Sleep(100);
   }
-  CloseHandle(process.hThread);
-  return process.hProcess;
+  return nullptr;
 }
 
 void readAll(HANDLE readEnd, std::string& output) {
