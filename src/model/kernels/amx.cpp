@@ -1,13 +1,11 @@
-// AMX tier (Linux): batched products of Q8_0, BF16 and the K-quants on the tile unit; the rest of
+// AMX tier (Linux): batched products of BF16, Q8_0 and the K-quants on the tile unit; the rest of
 // the table is the AVX-512 tier's.
 //
 // A tile instruction adds the products of 16 tokens x 32 inputs and 32 inputs x 16 rows to 16 x 16
-// sums. It takes bf16, eight significant bits. An input is the sum of two such limbs, sixteen bits
-// and more. The codes of a sub-block fit into one: its sums are taken by themselves, and its scale
-// is applied to them. Other weights are split as well, and three of the four products of limbs
-// count:
+// sums. It takes bf16, eight significant bits, so inputs and weights are sums of two such limbs,
+// sixteen bits and more, and three of the four products of limbs count:
 //
-//   weight * x = high * x.high + low * x.high + high * x.low      (+ 2^-16 of it at most)
+//   weight * x = high * x.high + high * x.low + low * x.high      (+ 2^-16 of it at most)
 //
 // Every (row, token) pair takes the same operations in the same order whatever the number of rows
 // and tokens is: a token has the same bits in every batch.
@@ -22,20 +20,18 @@
 namespace qwen35 {
 namespace {
 
-// Tile registers: four of sums, two limbs of weights, or two tiles of codes, and two limbs of
-// inputs. GCC's intrinsics take literals only, and do not say what they read.
-constexpr int kHighWeights = 4;
-constexpr int kLowWeights = 5;
-constexpr int kHighInputs = 6;
-constexpr int kLowInputs = 7;
-constexpr size_t kSumTiles = 4;
+// Tile registers: four of sums, two of weights, two of inputs. GCC's intrinsics take literals only,
+// and do not say what they read.
+constexpr int kSumTiles = 4;
+constexpr int kWeights = kSumTiles;
+constexpr int kInputs = kWeights + 2;
 
 template <int kTile>
 inline void loadTile(const void* at) {
   __asm__ volatile("tileloadd (%1,%2), %%tmm%c0" ::"i"(kTile), "r"(at), "r"(size_t{64}) : "memory");
 }
-// Without a place in the nearest cache: inputs come by once for every sixteen rows, and would drive
-// the weights out.
+// Without a place in the nearest cache: weights come by once for some tokens, and would drive the
+// inputs out, which are for all rows.
 template <int kTile>
 inline void streamTile(const void* at) {
   __asm__ volatile("tileloaddt1 (%1,%2), %%tmm%c0" ::"i"(kTile), "r"(at), "r"(size_t{64})
@@ -86,13 +82,29 @@ template <size_t kCount, typename Call>
   }
 }
 
+// Calls call.operator()<i, j>() for i < kFirst, j < kSecond.
+template <size_t kFirst, size_t kSecond, typename Call>
+[[gnu::always_inline]] inline void forEach(const Call& call) {
+  forEach<kFirst>([&]<int i>() __attribute__((always_inline)) {
+    forEach<kSecond>([&]<int j>()
+                         __attribute__((always_inline)) { call.template operator()<i, j>(); });
+  });
+}
+
+// Sums from memory, or zeros.
+template <int kTile>
+inline void openSums(const float (*at)[kSide], bool isFirst) {
+  if (isFirst) return clearTile<kTile>();
+  loadTile<kTile>(at);
+}
+
 // Inputs of sixteen tokens: for each panel of columns its tiles, the high limbs of a tile, a line
-// for each token, and then the low ones; after them the sums of the tiles' inputs.
+// for each token, and then the low ones.
 constexpr size_t kLimb = kSide * kSide;  // floats of memory for a limb of a tile
 constexpr size_t kInputTile = 2 * kLimb;
-constexpr size_t kInputPanel = kSide * kArrangedBlock;
+constexpr size_t kInputPanel = kPanelTiles * kInputTile;
 static_assert(kTokenGroup == kSide);
-static_assert(kPanelTiles * kInputTile + kLimb == kInputPanel);
+static_assert(kInputPanel <= kSide * kArrangedBlock);
 
 inline __m512i roundToBf16(__m512 first, __m512 second) {
   return (__m512i)_mm512_cvtne2ps_pbh(second, first);
@@ -123,15 +135,17 @@ inline void storeInputs(__m512 first, __m512 second, float* out) {
 // caches while every sixteen rows read them.
 constexpr size_t kRowsAtOnce = 256;
 constexpr size_t kRowTiles = kRowsAtOnce / kSide;
+constexpr size_t kTogether = 2 * kSide;  // rows, or tokens, that the tile registers hold
 
-// A panel of the inputs of some tiles of tokens. While sixteen rows are multiplied with them, a
-// part of those that come next is asked for: into the second-level cache, where they stay for the
-// other rows.
+using RowSums = float[kMaxBatch][kSide];  // of sixteen rows: [token][row]
+
+// A panel of the inputs of some tiles of tokens. While some rows are multiplied with them, a part
+// of those that come next is asked for: into the second-level cache, where they stay for all rows.
 class Inputs {
  public:
-  // Row tile `part` of kRowTiles asks for its part of `next`.
-  Inputs(const float* at, const float* next, size_t part, size_t tokenStride)
-      : at_(at), next_(next + part * kPart), tokenStride_(kSide * tokenStride) {}
+  // Of kRowsAtOnce, those from `row` on ask for their part of `next`.
+  Inputs(const float* at, const float* next, size_t row, size_t tokenStride)
+      : at_(at), next_(next + row / kTogether * kPart), tokenStride_(kSide * tokenStride) {}
 
   const float* tile(size_t i, size_t tokenTile = 0) const {
     return at_ + i * kInputTile + tokenTile * tokenStride_;
@@ -142,244 +156,171 @@ class Inputs {
   }
 
  private:
-  static constexpr size_t kPart = kPanelTiles * kInputTile / kRowTiles;  // floats
+  static constexpr size_t kPart = kInputPanel * kTogether / kRowsAtOnce;  // floats
 
   const float* at_;
   const float* next_;
   size_t tokenStride_;
 };
 
-// Weights in limbs. Panels have [tile][limb].
+// A panel of the weights of one or two tiles of rows times one of the inputs of as many tiles of
+// tokens. What comes of it is added to the sums, or with the first columns begins them.
 template <typename Tiles>
-struct LimbProduct : Tiles {
-  using typename Tiles::Panel;
-  static constexpr size_t kTokenTiles = kSumTiles;  // of a multiplication
+struct Step {
+  const typename Tiles::Panel* weights;
+  size_t tiles;
+  Inputs x;
+  bool isFirst;
+  RowSums* sums;
+  size_t firstToken;
+};
 
-  static void arrange(const float* x, size_t cols, float* out) {
-    for (size_t tile = 0; tile < tilesOf(cols); ++tile, out += kInputTile) {
-      storeInputs(loadInputs(x, cols, Tiles::half(tile, 0)),
-                  loadInputs(x, cols, Tiles::half(tile, 1)), out);
-    }
-  }
-
-  static void multiply(const Panel& weights, size_t tiles, const Inputs& x, size_t tokenTiles,
-                       float (*acc)[kSide]) {
-    if (tokenTiles == 1) return multiplyTokens<1>(weights, tiles, x, acc);
-    if (tokenTiles == 2) return multiplyTokens<2>(weights, tiles, x, acc);
-    if (tokenTiles == 3) return multiplyTokens<3>(weights, tiles, x, acc);
-    return multiplyTokens<4>(weights, tiles, x, acc);
-  }
-
- private:
-  template <size_t kTiles>
-  static void multiplyTokens(const Panel& weights, size_t tiles, const Inputs& x,
-                             float (*acc)[kSide]) {
-    forEach<kTiles>([&]<int t>() __attribute__((always_inline)) { loadTile<t>(acc + t * kSide); });
-    for (size_t i = 0; i < tiles; ++i) {
-      loadTile<kHighWeights>(&weights.tiles[i][0]);
-      if constexpr (Tiles::kLimbs > 1) loadTile<kLowWeights>(&weights.tiles[i][1]);
-      forEach<kTiles>([&]<int t>() __attribute__((always_inline)) {
-        const float* at = x.tile(i, t);
-        x.askForNext(i, t);
-        streamTile<kHighInputs>(at);
-        multiplyTiles<t, kHighInputs, kHighWeights>();
-        if constexpr (Tiles::kLimbs > 1) multiplyTiles<t, kHighInputs, kLowWeights>();
-        streamTile<kLowInputs>(at + kLimb);
-        multiplyTiles<t, kLowInputs, kHighWeights>();
+template <size_t kRowTiles, size_t kTokenTiles, typename Tiles>
+void multiplyTogether(const Step<Tiles>& step) {
+  forEach<kRowTiles, kTokenTiles>([&]<int r, int t>() __attribute__((always_inline)) {
+    openSums<2 * r + t>(step.sums[r] + step.firstToken + t * kSide, step.isFirst);
+  });
+  const auto addProducts = []<int r, int t>() __attribute__((always_inline)) {
+    multiplyTiles<2 * r + t, kInputs + t, kWeights + r>();
+  };
+  for (size_t i = 0; i < step.tiles; ++i) {
+    forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
+      streamTile<kWeights + r>(&step.weights[r].tiles[i][0]);
+    });
+    forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+      step.x.askForNext(i, t);
+      loadTile<kInputs + t>(step.x.tile(i, t) + kLimb);
+      forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
+        addProducts.template operator()<r, t>();
+      });
+    });
+    forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+      loadTile<kInputs + t>(step.x.tile(i, t));
+      forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
+        addProducts.template operator()<r, t>();
+      });
+    });
+    if constexpr (Tiles::kLimbs > 1) {
+      forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
+        streamTile<kWeights + r>(&step.weights[r].tiles[i][1]);
+        forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+          addProducts.template operator()<r, t>();
+        });
       });
     }
-    forEach<kTiles>([&]<int t>() __attribute__((always_inline)) { storeTile<t>(acc + t * kSide); });
   }
-};
+  forEach<kRowTiles, kTokenTiles>([&]<int r, int t>() __attribute__((always_inline)) {
+    storeTile<2 * r + t>(step.sums[r] + step.firstToken + t * kSide);
+  });
+}
 
-// Codes whose scales are applied to the sums of a tile.
 template <typename Tiles>
-struct CodeProduct : Tiles {
-  using typename Tiles::Panel;
-  static constexpr size_t kTokenTiles = 1;
-  static constexpr bool kHasMinimums = requires(Panel panel) { panel.minimums; };
-
-  static void arrange(const float* x, size_t cols, float* out) {
-    alignas(64) float sums[kSide] = {};
-    for (size_t tile = 0; tile < tilesOf(cols); ++tile) {
-      const __m512 first = loadInputs(x, cols, tile * kTileCols);
-      const __m512 second = loadInputs(x, cols, tile * kTileCols + kHalfCols);
-      storeInputs(swapMiddle(first), swapMiddle(second), out + tile * kInputTile);
-      sums[2 * tile] = sums[2 * tile + 1] = _mm512_reduce_add_ps(_mm512_add_ps(first, second));
-    }
-    if constexpr (kHasMinimums) storeSums(sums, out + kPanelTiles * kInputTile);
+void multiply(const Step<Tiles>& step, size_t rows, size_t tokens) {
+  if (rows > kSide) {
+    return tokens > kSide ? multiplyTogether<2, 2>(step) : multiplyTogether<2, 1>(step);
   }
+  return tokens > kSide ? multiplyTogether<1, 2>(step) : multiplyTogether<1, 1>(step);
+}
 
-  static void multiply(const Panel& weights, size_t tiles, const Inputs& x, size_t,
-                       float (*acc)[kSide]) {
-    alignas(64) Sums sums;
-    __m512 total[kSide];
-#pragma GCC unroll 16
-    for (size_t t = 0; t < kSide; ++t) total[t] = _mm512_load_ps(acc[t]);
-    if constexpr (kHasMinimums) {
-      sumMinimums(weights.minimums, x.tile(kPanelTiles), sums[kMinimums]);
-      addScaled(sums[kMinimums], _mm512_set1_ps(1.0f), total);
-    }
-    forEach<kPanelTiles + kDelay>([&]<int i>() __attribute__((always_inline)) {
-      if constexpr (i < kPanelTiles) {
-        x.askForNext(i);
-        if (i < tiles) sumCodes<i>(weights.codes[i], x.tile(i), sums[i % kSumTiles]);
-      }
-      if constexpr (i >= kDelay) {
-        constexpr size_t kTile = i - kDelay;
-        if (kTile < tiles) {
-          addScaled(sums[kTile % kSumTiles], _mm512_load_ps(weights.scales[kTile]), total);
-        }
-      }
-    });
-#pragma GCC unroll 16
-    for (size_t t = 0; t < kSide; ++t) _mm512_store_ps(acc[t], total[t]);
-  }
-
- private:
-  // Tiles from a sum's beginning to its use: the tile unit takes its time.
-  static constexpr int kDelay = 2;
-  static constexpr int kMinimums = kSumTiles - 1;
-  static_assert(kDelay < kMinimums);
-
-  using Sums = float[kSumTiles][kSide][kSide];  // [tile][token][row]
-
-  template <int kTile>
-  [[gnu::always_inline]] static void sumCodes(const Tile& codes, const float* x,
-                                              float (&sums)[kSide][kSide]) {
-    constexpr int kSum = kTile % kSumTiles;
-    constexpr int kCodes = kTile % 2 == 0 ? kHighWeights : kLowWeights;
-    clearTile<kSum>();
-    streamTile<kCodes>(&codes);
-    loadTile<kHighInputs>(x);
-    multiplyTiles<kSum, kHighInputs, kCodes>();
-    loadTile<kLowInputs>(x + kLimb);
-    multiplyTiles<kSum, kLowInputs, kCodes>();
-    storeTile<kSum>(sums);
-  }
-
-  [[gnu::always_inline]] static void sumMinimums(const Tile& minimums, const float* x,
-                                                 float (&sums)[kSide][kSide]) {
-    clearTile<kMinimums>();
-    streamTile<kHighWeights>(&minimums);
-    loadTile<kHighInputs>(x);
-    multiplyTiles<kMinimums, kHighInputs, kHighWeights>();
-    storeTile<kMinimums>(sums);
-  }
-
-  [[gnu::always_inline]] static void addScaled(const float (&sums)[kSide][kSide], __m512 scale,
-                                               __m512 (&total)[kSide]) {
-#pragma GCC unroll 16
-    for (size_t t = 0; t < kSide; ++t) {
-      total[t] = _mm512_fmadd_ps(_mm512_load_ps(sums[t]), scale, total[t]);
-    }
-  }
-
-  // In every four, as a line of codes has its columns.
-  static __m512 swapMiddle(__m512 x) { return _mm512_permute_ps(x, 0xd8); }
-
-  // Lane 2s as both its high limb, lane 2s + 1 as both its low limb.
-  static void storeSums(const float* sums, float* out) {
-    const __m512 all = _mm512_load_ps(sums);
-    const __m512i high = roundUpper(all);
-    const __m512i limbs = _mm512_mask_mov_epi32(high, 0xaaaa, roundUpper(rest(all, high)));
-    _mm512_storeu_si512(out, upperHalves(limbs, limbs));
-  }
-};
-
-template <typename Product>
+template <typename Tiles>
 void arrange(const float* x, size_t xStride, size_t tokens, size_t cols, float* out) {
   for (size_t first = 0; first < cols; first += kPanelCols, out += kInputPanel) {
     for (size_t t = 0; t < tokens; ++t) {
-      Product::arrange(x + t * xStride + first, cols - first, out + t * kSide);
+      const float* token = x + t * xStride + first;
+      for (size_t i = 0; i < tilesOf(cols - first); ++i) {
+        storeInputs(loadInputs(token, cols - first, Tiles::half(i, 0)),
+                    loadInputs(token, cols - first, Tiles::half(i, 1)),
+                    out + i * kInputTile + t * kSide);
+      }
     }
   }
 }
 
 // What a product works on.
-template <typename Product>
+template <typename Tiles>
 struct Work {
-  typename Product::Panel weights[kRowTiles];
-  alignas(64) float acc[kRowTiles][kMaxBatch][kSide];  // [sixteen rows][token][row]
-  FilledPanel<Product> filled;
+  typename Tiles::Panel weights[kRowTiles];
+  alignas(64) RowSums sums[kRowTiles];
+  FilledPanel<Tiles> filled;
 };
 
-// Asks for the share of token tile `t`, and those that go with it, in the bytes of a panel's rows.
-template <typename Product>
-void askForRows(const uint8_t* at, size_t rowBytes, size_t t, size_t tokenTiles) {
-  const size_t end = t + Product::kTokenTiles < tokenTiles ? t + Product::kTokenTiles : tokenTiles;
-  for (size_t r = t * kSide / tokenTiles; r < end * kSide / tokenTiles; ++r) {
-    prefetch<2>(at + r * rowBytes, panelBytes<Product>());
+// Asks for the bytes of a panel's rows, shared out over the tokens: for the share of kTogether from
+// `token` on.
+template <typename Tiles>
+void askForRows(const uint8_t* at, size_t rowBytes, size_t token, size_t tokens) {
+  const size_t end = token + kTogether < tokens ? token + kTogether : tokens;
+  for (size_t r = token * kTogether / tokens; r < end * kTogether / tokens; ++r) {
+    prefetch<2>(at + r * rowBytes, panelBytes<Tiles>());
   }
 }
 
-// acc += rows . x for up to kRowsAtOnce rows.
-template <typename Product>
+// work.sums = rows . x for up to kRowsAtOnce rows.
+template <typename Tiles>
 void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
-                  const Batch& batch, Work<Product>& work) {
-  const size_t tokenTiles = (batch.tokens + kSide - 1) / kSide;
+                  const Batch& batch, Work<Tiles>& work) {
   const float* x = batch.x;
   for (size_t first = 0; first < cols; first += kPanelCols, x += kInputPanel) {
     const size_t left = cols - first;
     const bool isLast = left <= kPanelCols;
-    const uint8_t* at = rows + first / kPanelCols * panelBytes<Product>();
+    const uint8_t* at = rows + first / kPanelCols * panelBytes<Tiles>();
     for (size_t r = 0; r < rowCount; r += kSide) {
-      Product::make(rowsOfPanel(at + r * rowBytes, rowBytes, rowCount - r, left, work.filled),
-                    tilesOf(left), work.weights[r / kSide]);
+      Tiles::make(rowsOfPanel(at + r * rowBytes, rowBytes, rowCount - r, left, work.filled),
+                  tilesOf(left), work.weights[r / kSide]);
     }
-    const uint8_t* nextRows = isLast ? rows + rowCount * rowBytes : at + panelBytes<Product>();
+    const uint8_t* nextRows = isLast ? rows + rowCount * rowBytes : at + panelBytes<Tiles>();
     const float* nextInputs = isLast ? batch.x : x + kInputPanel;
-    for (size_t t = 0; t < tokenTiles; t += Product::kTokenTiles) {
-      const size_t token = t * kSide * batch.xStride;
-      for (size_t r = 0; r < rowCount; r += kSide) {
-        askForRows<Product>(nextRows + r * rowBytes, rowBytes, t, tokenTiles);
-        const Inputs inputs(x + token, nextInputs + token, r / kSide, batch.xStride);
-        Product::multiply(work.weights[r / kSide], tilesOf(left), inputs, tokenTiles - t,
-                          work.acc[r / kSide] + t * kSide);
+    for (size_t t = 0; t < batch.tokens; t += kTogether) {
+      const size_t token = t * batch.xStride;
+      for (size_t r = 0; r < rowCount; r += kTogether) {
+        askForRows<Tiles>(nextRows + r * rowBytes, rowBytes, t, batch.tokens);
+        multiply<Tiles>({.weights = work.weights + r / kSide,
+                         .tiles = tilesOf(left),
+                         .x = Inputs(x + token, nextInputs + token, r, batch.xStride),
+                         .isFirst = first == 0,
+                         .sums = work.sums + r / kSide,
+                         .firstToken = t},
+                        rowCount - r, batch.tokens - t);
       }
     }
   }
 }
 
-template <typename Product>
+template <typename Tiles>
 void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
-  static_assert(sizeof(Work<Product>) <= kBatchScratch * sizeof(float));
+  static_assert(sizeof(Work<Tiles>) <= kBatchScratch * sizeof(float));
   const TileScope scope;
-  auto& work = *reinterpret_cast<Work<Product>*>(batch.scratch);
+  auto& work = *reinterpret_cast<Work<Tiles>*>(batch.scratch);
   for (size_t first = 0; first < rowCount; first += kRowsAtOnce) {
     const size_t count = rowCount - first < kRowsAtOnce ? rowCount - first : kRowsAtOnce;
-    for (size_t r = 0; r * kSide < count; ++r) {
-      __builtin_memset(work.acc[r], 0,
-                       (batch.tokens + kSide - 1) / kSide * kSide * sizeof work.acc[r][0]);
-    }
     multiplyRows(rows + first * rowBytes, rowBytes, count, cols, batch, work);
-    for (size_t r = 0; r < count; r += kSide) {
-      const __mmask16 lanes = firstLanes(count - r);
-      for (size_t t = 0; t < batch.tokens; ++t) {
-        float* y = batch.y + t * batch.yStride + first + r;
-        const __m512 sum = _mm512_load_ps(work.acc[r / kSide][t]);
-        _mm512_mask_storeu_ps(y, lanes, _mm512_add_ps(_mm512_maskz_loadu_ps(lanes, y), sum));
+    for (size_t t = 0; t < batch.tokens; ++t) {
+      float* y = batch.y + t * batch.yStride + first;
+      for (size_t r = 0; r < count; r += kSide) {
+        const __mmask16 lanes = firstLanes(count - r);
+        const __m512 sums = _mm512_load_ps(work.sums[r / kSide][t]);
+        _mm512_mask_storeu_ps(y + r, lanes,
+                              _mm512_add_ps(_mm512_maskz_loadu_ps(lanes, y + r), sums));
       }
     }
   }
 }
 
-template <typename Product>
+template <typename Tiles>
 void use(KernelTable& table, size_t type) {
-  table.gemm[type] = gemm<Product>;
-  table.arrangeBatch[type] = arrange<Product>;
+  table.gemm[type] = gemm<Tiles>;
+  table.arrangeBatch[type] = arrange<Tiles>;
 }
 
 }  // namespace
 
 void addTileKernels(KernelTable& table) {
   table.name = "amx";
-  table.requiredFeatures |= 0x4;           // compat::kCpuAmx
-  use<LimbProduct<PlainTiles>>(table, 2);  // by kiv::QuantType
-  use<CodeProduct<Q80Tiles>>(table, 4);
-  use<CodeProduct<Q4kTiles>>(table, 5);
-  use<CodeProduct<Q5kTiles>>(table, 6);
-  use<LimbProduct<SplitTiles<Q6kRows<Vector>>>>(table, 7);
+  table.requiredFeatures |= 0x4;  // compat::kCpuAmx
+  use<PlainTiles>(table, 2);      // by kiv::QuantType
+  use<SplitTiles<Q80Rows<Vector>>>(table, 4);
+  use<SplitTiles<Q4kRows<Vector>>>(table, 5);
+  use<SplitTiles<Q5kRows<Vector>>>(table, 6);
+  use<SplitTiles<Q6kRows<Vector>>>(table, 7);
 }
 
 }  // namespace qwen35
