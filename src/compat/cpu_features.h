@@ -8,9 +8,10 @@ namespace compat {
 // Feature bits. A bit is set only when CPUID reports every listed instruction set and XGETBV says
 // that the system saves the registers it needs.
 enum CpuFeature : uint32_t {
-  kCpuAvx2 = 1u << 0,    // AVX2, FMA and F16C
-  kCpuAvx512 = 1u << 1,  // AVX-512 F, BW, VL and DQ
-  kCpuAmx = 1u << 2,     // AMX tiles of BF16, AVX-512 BF16; usable after requestTiles()
+  kCpuAvx2 = 1u << 0,         // AVX2, FMA and F16C
+  kCpuAvx512 = 1u << 1,       // AVX-512 F, BW, VL and DQ
+  kCpuAvx512Limbs = 1u << 3,  // kCpuAvx512 and AVX-512 VNNI, VBMI, VBMI2 and GFNI
+  kCpuAmx = 1u << 2,          // AMX tiles of BF16, AVX-512 BF16; usable after requestTiles()
 };
 
 // Looked up once; safe from any thread.

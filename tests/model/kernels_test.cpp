@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <set>
 #include <string>
 #include <tuple>
@@ -34,9 +35,10 @@ enum class Input {
   Constant,    // all 1
   Cancelling,  // makes the products of the row plus and minus one in turn
   Spotlight,   // enormous where the row's weight is zero, small elsewhere
+  Brim,        // the last numbers before a power of two, where the highest bits of a number carry
 };
-constexpr Input kAllInputs[] = {Input::Normal,   Input::Wide,       Input::Huge,
-                                Input::Constant, Input::Cancelling, Input::Spotlight};
+constexpr Input kAllInputs[] = {Input::Normal,     Input::Wide,      Input::Huge, Input::Constant,
+                                Input::Cancelling, Input::Spotlight, Input::Brim};
 
 std::vector<float> makeInput(Input kind, const std::vector<float>& weights, std::mt19937& random) {
   std::normal_distribution<float> normal;
@@ -62,6 +64,11 @@ std::vector<float> makeInput(Input kind, const std::vector<float>& weights, std:
         break;
       case Input::Spotlight:
         x[i] = w == 0 ? 1e9f + static_cast<float>(i) : 1e-3f * normal(random);
+        break;
+      case Input::Brim:
+        x[i] =
+            std::copysign(std::ldexp(1 - std::ldexp(1.0f, -2 - static_cast<int>(i / 32 % 23)), 3),
+                          normal(random));
         break;
     }
   }
@@ -188,12 +195,12 @@ class GemvTest : public testing::TestWithParam<Case> {
 
 std::string caseName(const testing::TestParamInfo<Case>& info) {
   const char* batch = std::get<2>(info.param) == Kernels::Batch ? "_batch" : "";
-  return std::string(std::get<0>(info.param)->name) + "_" +
+  return orbtest::kernelsName(*std::get<0>(info.param)) + "_" +
          kiv::quantTypeName(std::get<1>(info.param)) + batch;
 }
 
 INSTANTIATE_TEST_SUITE_P(Tiers, GemvTest,
-                         testing::Combine(testing::ValuesIn(qwen35::allKernels()),
+                         testing::Combine(testing::ValuesIn(orbtest::testedKernels()),
                                           testing::ValuesIn(orbtest::kMatrixTypes),
                                           testing::Values(Kernels::OneToken)),
                          caseName);
@@ -269,6 +276,20 @@ TEST_P(GemvTest, AddsToTheOutput) {
   for (size_t r = 0; r < 3; ++r) {
     const float magnitude = std::fabs(before[r]) + std::fabs(bare[r]);
     EXPECT_NEAR(y[r], before[r] + bare[r], 1e-6f * magnitude) << r;
+  }
+}
+
+TEST_P(GemvTest, AnInputThatIsNoFiniteNumberIsNotHidden) {
+  constexpr float kInfinity = std::numeric_limits<float>::infinity();
+  std::mt19937 random(7);
+  const Matrix m(type(), Pattern::Random, 5, 512, random);
+  for (const float value : {kInfinity, -kInfinity, std::nanf("")}) {
+    for (const size_t at : {size_t{0}, size_t{37}, size_t{255}, size_t{511}}) {
+      std::vector<float> x = makeInput(Input::Normal, m.weights[0], random);
+      x[at] = value;
+      const std::vector<float> y = product(m.bytes.data(), m.rowBytes, m.rows(), m.cols, x.data());
+      for (const float sum : y) EXPECT_FALSE(std::isfinite(sum)) << value << " at " << at;
+    }
   }
 }
 

@@ -95,6 +95,7 @@ struct KProducts {
 
   static constexpr size_t kWidth = Vector::kWidth;
   static constexpr size_t kElements = 256;
+  static constexpr size_t kSums = 16;  // behind the elements
   static constexpr size_t kRegisters = kElements / kWidth;
   static constexpr size_t kPerGroup = kRegisters / Block::kGroups;
   static constexpr size_t kOffsets =
@@ -134,7 +135,7 @@ struct KProducts {
 
   // Minus the sums of the inputs of each sub-block, in the lanes of its minimum.
   static void sumParts(const float* x, float* out) {
-    for (size_t s = 0; s < kArrangedBlock - kElements; ++s) out[s] = 0;
+    for (size_t s = 0; s < kSums; ++s) out[s] = 0;
     if constexpr (Block::kMinimums != 0) {
       constexpr size_t kPart = kElements / Block::kMinimums;
       for (size_t s = 0; s < Block::kMinimums; ++s) {

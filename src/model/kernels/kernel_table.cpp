@@ -7,10 +7,19 @@
 namespace qwen35 {
 namespace {
 
+const KernelTable& avx512Kernels() {
+  static const KernelTable table = [] {
+    KernelTable kernels = kAvx512Kernels;
+    if ((compat::cpuFeatures() & compat::kCpuAvx512Limbs) != 0) addLimbKernels(kernels);
+    return kernels;
+  }();
+  return table;
+}
+
 #ifdef ORB_TILES
 const KernelTable& tileKernels() {
   static const KernelTable table = [] {
-    KernelTable tiles = kAvx512Kernels;
+    KernelTable tiles = avx512Kernels();
     addTileKernels(tiles);
     return tiles;
   }();
@@ -24,7 +33,7 @@ std::span<const KernelTable* const> allKernels() {
   static const KernelTable* const tiers[] = {
       &kScalarKernels,
       &kAvx2Kernels,
-      &kAvx512Kernels,
+      &avx512Kernels(),
 #ifdef ORB_TILES
       &tileKernels(),
 #endif
