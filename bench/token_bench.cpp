@@ -75,7 +75,7 @@ KernelTable timedKernels() {
   wrap<0>(table.silu);
   wrap<1>(table.sigmoid);
   wrap<0>(table.attend);
-  wrap<0>(table.deltaStep);
+  wrap<0>(table.deltaRule);
   return table;
 }
 

@@ -85,31 +85,74 @@ HeadGates headGates(const Model& model, const Layer& layer, size_t token, size_t
   return {1.0f / (std::exp(-model.work.beta.row(token)[h]) + 1.0f), step * floats(layer.ssmA)[h]};
 }
 
-// Delta-rule update and gated norm of one value head for one token. Key head h mod 16 serves value
-// head h: the key heads are tiled over the value heads.
-void mixHead(Model& model, const Layer& layer, size_t token, size_t h, bool decays,
-             const float* state, float* stateOut) {
+// Some tokens of a batch.
+struct Run {
+  size_t first;
+  size_t count;
+};
+
+// A thread's memory for a run of one head.
+struct DeltaWork {
+  float columns[kDeltaScratch];
+  float queries[kDeltaRun * kHeadWidth];
+  float keys[kDeltaRun * kHeadWidth];
+  float beta[kDeltaRun];
+  float decay[kDeltaRun];
+};
+
+// Delta rule of one value head over the run: values become outputs, in w.heads. Key head h mod 16
+// serves value head h: the key heads are tiled over the value heads.
+void updateState(Model& model, const Layer& layer, Run run, size_t h, bool decays,
+                 const float* state, float* stateOut, DeltaWork& work) {
   Workspace& w = model.work;
-  const float scale = 1.0f / std::sqrt(static_cast<float>(kHeadWidth));
-  const float* query = w.conv.row(token) + h % model.linearKeyHeads * kHeadWidth;
-  const float* key = query + model.linearKeyWidth();
-  const float* value = w.conv.row(token) + 2 * model.linearKeyWidth() + h * kHeadWidth;
-  alignas(64) float qn[kHeadWidth];
-  alignas(64) float kn[kHeadWidth];
-  l2NormBlocks(query, qn, 1, kHeadWidth, kEpsilon);
-  l2NormBlocks(key, kn, 1, kHeadWidth, kEpsilon);
+  for (size_t t = 0; t < run.count; ++t) {
+    const float* channels = w.conv.row(run.first + t);
+    const float* query = channels + h % model.linearKeyHeads * kHeadWidth;
+    l2NormBlocks(query, work.queries + t * kHeadWidth, 1, kHeadWidth, kEpsilon);
+    l2NormBlocks(query + model.linearKeyWidth(), work.keys + t * kHeadWidth, 1, kHeadWidth,
+                 kEpsilon);
+    std::copy_n(channels + 2 * model.linearKeyWidth() + h * kHeadWidth, kHeadWidth,
+                w.heads.row(run.first + t) + h * kHeadWidth);
+    const HeadGates gates = headGates(model, layer, run.first + t, h);
+    work.beta[t] = gates.beta;
+    work.decay[t] = decays ? std::exp(gates.decay) : 1.0f;
+  }
+  const DeltaTokens tokens = {.q = work.queries,
+                              .k = work.keys,
+                              .v = w.heads.row(run.first) + h * kHeadWidth,
+                              .vStride = w.heads.width(),
+                              .beta = work.beta,
+                              .decay = work.decay,
+                              .count = run.count,
+                              .scratch = work.columns};
+  model.kernels->deltaRule(state, stateOut, tokens, kHeadWidth,
+                           1.0f / std::sqrt(static_cast<float>(kHeadWidth)));
+}
 
-  float* out = w.heads.row(token) + h * kHeadWidth;
-  std::copy_n(value, kHeadWidth, out);
-  const HeadGates gates = headGates(model, layer, token, h);
-  model.kernels->deltaStep(state, stateOut, qn, kn, out, gates.beta, kHeadWidth,
-                           decays ? std::exp(gates.decay) : 1.0f, scale);
-
+// Gated norm of one value head's output for one token.
+void gateHead(Model& model, const Layer& layer, size_t token, size_t h) {
+  Workspace& w = model.work;
   float* gated = w.gated.row(token) + h * kHeadWidth;
   alignas(64) float gate[kHeadWidth];
-  rmsNorm(out, floats(layer.ssmNorm), gated, kHeadWidth, kEpsilon);
+  rmsNorm(w.heads.row(token) + h * kHeadWidth, floats(layer.ssmNorm), gated, kHeadWidth, kEpsilon);
   model.kernels->silu(w.gate.row(token) + h * kHeadWidth, gate, kHeadWidth);
   for (size_t j = 0; j < kHeadWidth; ++j) gated[j] *= gate[j];
+}
+
+// One value head over all tokens.
+void mixHead(Model& model, const Layer& layer, const States& states, size_t tokens, size_t h,
+             bool decays, size_t thread) {
+  static_assert(sizeof(DeltaWork) <= kBatchScratch * sizeof(float));
+  float* scratch = model.work.batchScratch.data() + thread * kBatchScratch;
+  auto& work = *reinterpret_cast<DeltaWork*>(scratch);
+  const size_t at = h * kHeadWidth * kHeadWidth;
+  const float* from = states.recurrent + at;
+  float* to = states.recurrentOut + at;
+  for (size_t first = 0; first < tokens; first += kDeltaRun, from = to) {
+    const Run run = {first, std::min(kDeltaRun, tokens - first)};
+    updateState(model, layer, run, h, decays, from, to, work);
+    for (size_t t = 0; t < run.count; ++t) gateHead(model, layer, first + t, h);
+  }
 }
 
 }  // namespace
@@ -120,11 +163,8 @@ void linearAttention(Model& model, Layer& layer, const float* x, float* out, siz
   project(model, layer, states, x, tokens);
   const bool decays = std::getenv("QWEN35_NODECAY") == nullptr;
   // One head's state stays in a core's own cache over the whole batch.
-  model.team.forEach(model.linearValueHeads, [&](size_t h) {
-    const size_t at = h * kHeadWidth * kHeadWidth;
-    const float* from = states.recurrent + at;
-    float* to = states.recurrentOut + at;
-    for (size_t t = 0; t < tokens; ++t, from = to) mixHead(model, layer, t, h, decays, from, to);
+  model.team.forEach(model.linearValueHeads, [&](size_t h, size_t thread) {
+    mixHead(model, layer, states, tokens, h, decays, thread);
   });
   const TokenRows& gated = model.work.gated;
   Product products[] = {{layer.ssmOut, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
@@ -145,7 +185,16 @@ void gdnStep(float* S, const float* q, const float* k, float* v, float beta, siz
   // The vector tiers take whole registers and up to the model's own head width.
   const bool vectorSized = d % 16 == 0 && d <= kHeadWidth;
   const KernelTable& kernels = vectorSized ? selectKernels(nullptr) : kScalarKernels;
-  kernels.deltaStep(S, S, q, k, v, beta, d, std::exp(g), scale);
+  const float decay = std::exp(g);
+  const DeltaTokens token = {.q = q,
+                             .k = k,
+                             .v = v,
+                             .vStride = 0,
+                             .beta = &beta,
+                             .decay = &decay,
+                             .count = 1,
+                             .scratch = nullptr};
+  kernels.deltaRule(S, S, token, d, scale);
 }
 
 }  // namespace qwen35

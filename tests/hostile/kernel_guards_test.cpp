@@ -220,18 +220,45 @@ TEST_P(MixerGuardsTest, TheStateIsUpdatedInPlaceAndIntoAnother) {
     const std::vector<float> from = normals(d * d, 1), q = normals(d, 2), k = normals(d, 3);
     const std::vector<float> v = normals(d, 4);
     std::vector<float> state = from, out = v;
-    kernels().deltaStep(state.data(), state.data(), q.data(), k.data(), out.data(), 0.5f, d, 0.75f,
-                        0.125f);
+    deltaStep(kernels(), state.data(), state.data(), q.data(), k.data(), out.data(), 0.5f, d, 0.75f,
+              0.125f);
     for (const Side side : kSides) {
       GuardedBuffer source(from, side), target(d * d * sizeof(float), side);
       GuardedBuffer query(q, side), key(k, side), first(v, side), second(v, side);
-      kernels().deltaStep(source.floats(), target.floats(), query.floats(), key.floats(),
-                          first.floats(), 0.5f, d, 0.75f, 0.125f);
+      deltaStep(kernels(), source.floats(), target.floats(), query.floats(), key.floats(),
+                first.floats(), 0.5f, d, 0.75f, 0.125f);
       expectSame(read(source, d * d), from);
-      kernels().deltaStep(source.floats(), source.floats(), query.floats(), key.floats(),
-                          second.floats(), 0.5f, d, 0.75f, 0.125f);
+      deltaStep(kernels(), source.floats(), source.floats(), query.floats(), key.floats(),
+                second.floats(), 0.5f, d, 0.75f, 0.125f);
       for (GuardedBuffer* updated : {&source, &target}) expectSame(read(*updated, d * d), state);
       for (GuardedBuffer* result : {&first, &second}) expectSame(read(*result, d), out);
+    }
+  }
+}
+
+TEST_P(MixerGuardsTest, SeveralTokensUpdateTheState) {
+  constexpr size_t kTokens = 3;
+  const std::vector<float> beta = {0.5f, 0.25f, 1.0f}, decay = {0.75f, 1.0f, 0.5f};
+  for (size_t d = 16; d <= 128; d += 16) {
+    const std::vector<float> from = normals(d * d, 1), v = normals(kTokens * d, 4);
+    const std::vector<float> q = normals(kTokens * d, 2), k = normals(kTokens * d, 3);
+    std::vector<float> state = from, out = v;
+    for (size_t t = 0; t < kTokens; ++t) {
+      deltaStep(kernels(), state.data(), state.data(), &q[t * d], &k[t * d], &out[t * d], beta[t],
+                d, decay[t], 0.125f);
+    }
+    for (const Side side : kSides) {
+      GuardedBuffer source(from, side), target(d * d * sizeof(float), side);
+      GuardedBuffer query(q, side), key(k, side), values(v, side);
+      GuardedBuffer betas(beta, side), decays(decay, side);
+      GuardedBuffer scratch(qwen35::kDeltaScratch * sizeof(float), side);
+      kernels().deltaRule(source.floats(), target.floats(),
+                          {query.floats(), key.floats(), values.floats(), d, betas.floats(),
+                           decays.floats(), kTokens, scratch.floats()},
+                          d, 0.125f);
+      expectSame(read(source, d * d), from);
+      expectSame(read(target, d * d), state);
+      expectSame(read(values, kTokens * d), out);
     }
   }
 }

@@ -114,6 +114,12 @@ inline void addProduct(const qwen35::KernelTable& tier, kiv::QuantType type, con
                    {input.data(), width, y, rowCount, 1, scratch.data()});
 }
 
+// The delta rule for one token.
+inline void deltaStep(const qwen35::KernelTable& tier, const float* from, float* to, const float* q,
+                      const float* k, float* v, float beta, size_t d, float decay, float scale) {
+  tier.deltaRule(from, to, {q, k, v, 0, &beta, &decay, 1, nullptr}, d, scale);
+}
+
 }  // namespace orbtest
 
 #define ORB_INSTANTIATE_TIERS(suite)                                                  \

@@ -374,8 +374,8 @@ TEST_P(DeltaStepTest, FollowsTheFormulaOverManySteps) {
       const float beta = unit(random);
       const float decay = step % 5 == 0 ? 1.0f : unit(random);
       GuardedBuffer out(v, Side::End), query(q, Side::End), key(k, Side::End);
-      kernels().deltaStep(state.floats(), state.floats(), query.floats(), key.floats(),
-                          out.floats(), beta, d, decay, scale);
+      orbtest::deltaStep(kernels(), state.floats(), state.floats(), query.floats(), key.floats(),
+                         out.floats(), beta, d, decay, scale);
       const std::vector<double> expected = reference.step(q, k, v, beta, decay, scale);
       for (size_t j = 0; j < d; ++j) {
         ASSERT_NEAR(out.floats()[j], expected[j], 1e-6) << "d " << d << ", step " << step;
@@ -395,8 +395,8 @@ TEST_P(DeltaStepTest, WithBetaZeroTheStateOnlyDecaysAndIsRead) {
     const std::vector<float> before = state;
     const std::vector<float> q = normals(d, random), k = normals(d, random);
     std::vector<float> v = normals(d, random);
-    kernels().deltaStep(state.data(), state.data(), q.data(), k.data(), v.data(), 0, d, decay,
-                        0.25f);
+    orbtest::deltaStep(kernels(), state.data(), state.data(), q.data(), k.data(), v.data(), 0, d,
+                       decay, 0.25f);
     for (size_t j = 0; j < d; ++j) {
       double read = 0;
       for (size_t i = 0; i < d; ++i) {
@@ -408,6 +408,42 @@ TEST_P(DeltaStepTest, WithBetaZeroTheStateOnlyDecaysAndIsRead) {
   }
 }
 
+TEST_P(DeltaStepTest, TokensTogetherHaveTheBitsOfOneAfterTheOther) {
+  std::mt19937 random(12);
+  std::uniform_real_distribution<float> unit(0.01f, 1);
+  alignas(64) static float scratch[qwen35::kDeltaScratch];
+  for (const size_t d : {16, 48, 64, 80, 128}) {
+    for (const size_t count : {size_t{1}, size_t{2}, size_t{3}, qwen35::kDeltaRun}) {
+      SCOPED_TRACE(std::to_string(count) + " tokens, d " + std::to_string(d));
+      const size_t stride = d + 5;
+      const std::vector<float> start = normals(d * d, random);
+      const std::vector<float> v = normals(count * stride, random);
+      std::vector<float> q = normals(count * d, random), k = normals(count * d, random);
+      for (float& value : k) value /= std::sqrt(static_cast<float>(d));
+      std::vector<float> beta(count), decay(count);
+      for (size_t t = 0; t < count; ++t) {
+        beta[t] = unit(random);
+        decay[t] = unit(random);
+      }
+      std::vector<float> expectedState = start, expected = v;
+      for (size_t t = 0; t < count; ++t) {
+        orbtest::deltaStep(kernels(), expectedState.data(), expectedState.data(), &q[t * d],
+                           &k[t * d], &expected[t * stride], beta[t], d, decay[t], 0.125f);
+      }
+      std::vector<float> state = start, apart(d * d);
+      for (float* to : {apart.data(), state.data()}) {
+        std::vector<float> out = v;
+        kernels().deltaRule(
+            state.data(), to,
+            {q.data(), k.data(), out.data(), stride, beta.data(), decay.data(), count, scratch}, d,
+            0.125f);
+        EXPECT_EQ(out, expected);
+        EXPECT_EQ(std::vector<float>(to, to + d * d), expectedState);
+      }
+    }
+  }
+}
+
 TEST_P(DeltaStepTest, TheDecayComesBeforeTheRetrievalAndTheOutputAfterTheUpdate) {
   constexpr size_t d = 16;
   std::vector<float> state(d * d, 0.0f), q(d, 0.0f), k(d, 0.0f), v(d, 0.0f);
@@ -415,8 +451,8 @@ TEST_P(DeltaStepTest, TheDecayComesBeforeTheRetrievalAndTheOutputAfterTheUpdate)
   q[0] = k[0] = 1;
   v[0] = 10;
   // Decayed 4; retrieved 4; delta (10 - 4) / 2 = 3; state 7; output 7 / 4.
-  kernels().deltaStep(state.data(), state.data(), q.data(), k.data(), v.data(), 0.5f, d, 0.5f,
-                      0.25f);
+  orbtest::deltaStep(kernels(), state.data(), state.data(), q.data(), k.data(), v.data(), 0.5f, d,
+                     0.5f, 0.25f);
   EXPECT_EQ(state[0], 7);
   EXPECT_EQ(v[0], 1.75f);
 }

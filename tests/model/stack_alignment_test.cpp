@@ -85,8 +85,14 @@ class StackAlignmentTest : public TierTest {
   }
 
   void delta(const KernelTable& table, std::vector<float>& all) const {
-    std::vector<float> to(kDelta * kDelta), v(in(3), in(3) + kDelta);
-    table.deltaStep(in(0), to.data(), in(1), in(2), v.data(), 0.5f, kDelta, 0.9f, 0.3f);
+    constexpr size_t kTogether = 3;
+    const float beta[] = {0.5f, 0.25f, 0.75f};
+    const float decay[] = {0.9f, 1.0f, 0.8f};
+    alignas(64) static float scratch[qwen35::kDeltaScratch];
+    std::vector<float> to(kDelta * kDelta), v(in(3), in(3) + kTogether * kDelta);
+    table.deltaRule(in(0), to.data(),
+                    {in(1), in(2), v.data(), kDelta, beta, decay, kTogether, scratch}, kDelta,
+                    0.3f);
     all.insert(all.end(), to.begin(), to.end());
     all.insert(all.end(), v.begin(), v.end());
   }

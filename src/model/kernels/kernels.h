@@ -83,6 +83,22 @@ struct AttentionPart {
   float weighted[kGroupHeads][kHeadSize];  // sum of exp(s_t - maximum) * v_t
 };
 
+// Tokens that go through the gated delta rule together, while columns of the state stay in a core's
+// nearest cache.
+inline constexpr size_t kDeltaRun = 64;
+inline constexpr size_t kDeltaScratch = 128 * 64;
+
+struct DeltaTokens {
+  const float* q;  // [count][d]
+  const float* k;  // [count][d]
+  float* v;        // token t at v + t * vStride, d floats; its output replaces them
+  size_t vStride;
+  const float* beta;   // [count]
+  const float* decay;  // [count]
+  size_t count;        // 1 to kDeltaRun
+  float* scratch;      // kDeltaScratch floats of the calling thread; one token needs none
+};
+
 struct KernelTable {
   const char* name;           // "scalar", "avx2", "avx512", "amx"
   uint32_t requiredFeatures;  // compat::CpuFeature bits
@@ -105,11 +121,11 @@ struct KernelTable {
 
   void (*attend)(const AttentionRun& run, AttentionPart& part);
 
-  // One gated delta-rule update of the d x d matrix at `from` (key index major) into `to`, which
-  // may be the same; d is a multiple of 16 and at most 128. With S = decay * from: m_j = sum k_i
-  // S_ij, delta_j = (v_j - m_j) * beta, to_ij = S_ij + k_i * delta_j, v_j = scale * sum q_i to_ij.
-  void (*deltaStep)(const float* from, float* to, const float* q, const float* k, float* v,
-                    float beta, size_t d, float decay, float scale);
+  // The gated delta rule from the d x d state at `from` (key index major) to the one at `to`, which
+  // may be the same; d is a multiple of 16 and at most 128. Each token makes S' of S: with D =
+  // decay * S, m_j = sum k_i D_ij, delta_j = (v_j - m_j) * beta, S'_ij = D_ij + k_i * delta_j, v_j
+  // = scale * sum q_i S'_ij. The bits are those of one call for each token.
+  void (*deltaRule)(const float* from, float* to, const DeltaTokens& tokens, size_t d, float scale);
 };
 
 extern const KernelTable kScalarKernels;

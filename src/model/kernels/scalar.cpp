@@ -149,6 +149,13 @@ void deltaStep(const float* from, float* to, const float* q, const float* k, flo
   }
 }
 
+void deltaRule(const float* from, float* to, const DeltaTokens& tokens, size_t d, float scale) {
+  for (size_t t = 0; t < tokens.count; ++t, from = to) {
+    deltaStep(from, to, tokens.q + t * d, tokens.k + t * d, tokens.v + t * tokens.vStride,
+              tokens.beta[t], d, tokens.decay[t], scale);
+  }
+}
+
 }  // namespace
 
 const KernelTable kScalarKernels = {
@@ -182,7 +189,7 @@ const KernelTable kScalarKernels = {
     .silu = silu,
     .sigmoid = sigmoid,
     .attend = attend,
-    .deltaStep = deltaStep,
+    .deltaRule = deltaRule,
 };
 
 }  // namespace qwen35
