@@ -23,12 +23,11 @@ bool isAblated(const Layer& layer) {
 
 void mix(Model& model, Layer& layer, size_t tokens, size_t index, size_t pos) {
   Workspace& w = model.work;
-  w.mixed.clearRows(tokens);
-  if (isAblated(layer)) return;
+  if (isAblated(layer)) return w.mixed.clearRows(tokens);
   if (layer.isLinear) {
-    linearAttention(model, layer, w.x.data(), w.mixed.data(), tokens, index, pos);
+    linearAttention(model, layer, w.x.data(), w.mixed.data(), tokens, index, pos, Output::Set);
   } else {
-    fullAttention(model, layer, w.x.data(), w.mixed.data(), tokens, pos, index);
+    fullAttention(model, layer, w.x.data(), w.mixed.data(), tokens, pos, index, Output::Set);
   }
 }
 
@@ -61,14 +60,15 @@ void runBlocks(Model& model, Pass pass, size_t tokens, size_t pos, ForwardObserv
     });
     observer.normed(i);
     feedForward(model, layer, w.normed.data(), w.ffnOut.data(), tokens);
-    add(w.residual.data(), w.ffnOut.data(), w.x.data(), tokens * hidden);
+    model.team.forEach(
+        tokens, [&](size_t t) { add(w.residual.row(t), w.ffnOut.row(t), w.x.row(t), hidden); });
     observer.endBlock(i);
   }
   w.isBatch = false;
   observer.finished();
-  for (size_t t = 0; t < tokens; ++t) {
+  model.team.forEach(tokens, [&](size_t t) {
     rmsNorm(w.x.row(t), floats(model.outputNorm), w.x.row(t), hidden, kEpsilon);
-  }
+  });
 }
 
 void projectLogits(Model& model, const float* hidden, float* logits) {

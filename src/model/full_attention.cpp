@@ -180,7 +180,7 @@ void attendAll(Model& model, Layer& layer, size_t tokens, size_t pos, size_t blo
 }  // namespace
 
 void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
-                   size_t pos, size_t blockIndex) {
+                   size_t pos, size_t blockIndex, Output output) {
   project(model, layer, x, tokens);
   model.team.forEach(tokens,
                      [&](size_t t) { placeHeads(model, layer, t, pos + t, layer.position + t); });
@@ -189,13 +189,14 @@ void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_
   const TokenRows& gated = model.work.gated;
   Product products[] = {
       {layer.attnOutput, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
-  products[0].adds = true;
+  products[0].adds = output == Output::Add;
   runProducts(model, products, [](size_t, size_t, size_t) {});
 }
 
 void fullAttnStep(Model& model, Layer& layer, const float* x, float* out, size_t pos,
                   size_t blockIndex) {
-  if (layer.position < model.maxContext) fullAttention(model, layer, x, out, 1, pos, blockIndex);
+  if (layer.position >= model.maxContext) return;
+  fullAttention(model, layer, x, out, 1, pos, blockIndex, Output::Add);
 }
 
 }  // namespace qwen35

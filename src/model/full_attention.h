@@ -16,8 +16,8 @@ ORB_API void fullAttnStep(Model& model, Layer& layer, const float* x, float* out
                           size_t blockIndex);
 
 // The same for `tokens` tokens in order, x and out being [token][hidden]; pos is that of the first.
-// All of them must fit the cache.
+// What is in out may be replaced instead. All of them must fit the cache.
 void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
-                   size_t pos, size_t blockIndex);
+                   size_t pos, size_t blockIndex, Output output);
 
 }  // namespace qwen35

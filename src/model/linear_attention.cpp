@@ -158,7 +158,7 @@ void mixHead(Model& model, const Layer& layer, const States& states, size_t toke
 }  // namespace
 
 void linearAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
-                     size_t blockIndex, size_t pos) {
+                     size_t blockIndex, size_t pos, Output output) {
   const States states = statesFor(layer, model.work.isBatch);
   project(model, layer, states, x, tokens);
   const bool decays = std::getenv("QWEN35_NODECAY") == nullptr;
@@ -168,7 +168,7 @@ void linearAttention(Model& model, Layer& layer, const float* x, float* out, siz
   });
   const TokenRows& gated = model.work.gated;
   Product products[] = {{layer.ssmOut, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
-  products[0].adds = true;
+  products[0].adds = output == Output::Add;
   runProducts(model, products, [](size_t, size_t, size_t) {});
   layer.position += tokens;
   const HeadGates head0 = headGates(model, layer, 0, 0);
@@ -177,7 +177,7 @@ void linearAttention(Model& model, Layer& layer, const float* x, float* out, siz
 
 void linearAttnStep(Model& model, Layer& layer, const float* x, float* out, size_t blockIndex,
                     size_t pos) {
-  linearAttention(model, layer, x, out, 1, blockIndex, pos);
+  linearAttention(model, layer, x, out, 1, blockIndex, pos, Output::Add);
 }
 
 void gdnStep(float* S, const float* q, const float* k, float* v, float beta, size_t d, float g,

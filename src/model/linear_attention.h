@@ -15,10 +15,10 @@ ORB_API void linearAttnStep(Model& model, Layer& layer, const float* x, float* o
                             size_t blockIndex, size_t pos);
 
 // The same for `tokens` tokens in order, x and out being [token][hidden]; pos is that of the first.
-// With more than one, the block's states stay as they are and nextRecurrent and nextConv hold those
-// after the batch.
+// What is in out may be replaced instead. With more than one, the block's states stay as they are
+// and nextRecurrent and nextConv hold those after the batch.
 void linearAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
-                     size_t blockIndex, size_t pos);
+                     size_t blockIndex, size_t pos, Output output);
 
 // One delta-rule update of the d x d state matrix S (key index major) with decay e = exp(g):
 // S *= e; delta_j = (v_j - sum k_i S_ij) * beta; S_ij += k_i delta_j; v_j = scale * sum q_i S_ij.

@@ -106,6 +106,9 @@ struct Workspace {
   std::vector<AttentionPart> parts;   // [token][key/value head][run of positions]
 };
 
+// What a mixer does with its results: those of the forward pass find nothing there.
+enum class Output { Set, Add };
+
 // Optional accelerated product for Q4_K, Q5_K and Q6_K weights: adds W x into `output` and returns
 // true, or returns false and leaves it alone.
 using MatVecHook = bool (*)(void* context, const kiv::TensorView* weights, const float* input,

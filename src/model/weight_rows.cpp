@@ -156,10 +156,10 @@ void prepare(Model& model, std::span<Product> products) {
 
 void multiplyRows(Model& model, const Product& product, size_t first, size_t last, size_t thread) {
   if (product.done || first >= last) return;
-  clear(product, first, last);
   const uint8_t* rows = product.W->data + first * product.rowBytes;
   const size_t cols = product.W->dims[0];
   if (!model.work.isBatch) {
+    clear(product, first, last);
     product.gemv(rows, product.rowBytes, last - first, cols, product.arranged, product.y + first);
     return;
   }
@@ -169,7 +169,8 @@ void multiplyRows(Model& model, const Product& product, size_t first, size_t las
                 .y = product.y + first,
                 .yStride = product.yStride,
                 .tokens = product.tokens,
-                .scratch = model.work.batchScratch.data() + thread * kBatchScratch});
+                .scratch = model.work.batchScratch.data() + thread * kBatchScratch,
+                .adds = product.adds});
 }
 
 void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y) {

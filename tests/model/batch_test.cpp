@@ -68,9 +68,24 @@ class BatchedProductTest
     const Batch batch = {guardedInputs.floats(), width, y.floats(), rows, tokens, scratch};
     tier().gemm[index](guarded.bytes(), rowBytes, rows, cols, batch);
     EXPECT_EQ(std::memcmp(y.floats(), expected.data(), expected.size() * sizeof(float)), 0);
+    checkSetting(guarded.bytes(), rowBytes, rows, cols, batch);
   }
 
  private:
+  // A product that sets has the bits of one that adds to zeros, whatever was there.
+  void checkSetting(const uint8_t* weights, size_t rowBytes, size_t rows, size_t cols,
+                    Batch batch) {
+    const size_t count = rows * batch.tokens;
+    std::vector<float> expected(count, 0.0f);
+    GuardedBuffer y(std::vector<float>(count, std::numeric_limits<float>::quiet_NaN()), Side::End);
+    for (const bool adds : {true, false}) {
+      batch.adds = adds;
+      batch.y = adds ? expected.data() : y.floats();
+      tier().gemm[static_cast<size_t>(type())](weights, rowBytes, rows, cols, batch);
+    }
+    EXPECT_EQ(std::memcmp(y.floats(), expected.data(), count * sizeof(float)), 0);
+  }
+
   std::mt19937 random_{5};
 };
 

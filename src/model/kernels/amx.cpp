@@ -298,8 +298,8 @@ void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
       for (size_t r = 0; r < count; r += kSide) {
         const __mmask16 lanes = firstLanes(count - r);
         const __m512 sums = _mm512_load_ps(work.sums[r / kSide][t]);
-        _mm512_mask_storeu_ps(y + r, lanes,
-                              _mm512_add_ps(_mm512_maskz_loadu_ps(lanes, y + r), sums));
+        const __m512 before = _mm512_maskz_loadu_ps(batch.adds ? lanes : __mmask16{0}, y + r);
+        _mm512_mask_storeu_ps(y + r, lanes, _mm512_add_ps(before, sums));
       }
     }
   }

@@ -43,10 +43,11 @@ using GemvKernel = void (*)(const uint8_t* rows, size_t rowBytes, size_t rowCoun
 struct Batch {
   const float* x;  // token t at x + t * xStride; a group of arrangeBatch at its first token's
   size_t xStride;
-  float* y;  // token t at y + t * yStride, one float a row; added to
+  float* y;  // token t at y + t * yStride, one float a row
   size_t yStride;
-  size_t tokens;   // 1 to kMaxBatch
-  float* scratch;  // kBatchScratch floats of the calling thread, aligned to 64 bytes
+  size_t tokens;     // 1 to kMaxBatch
+  float* scratch;    // kBatchScratch floats of the calling thread, aligned to 64 bytes
+  bool adds = true;  // to what is in y; else as if there were zeros
 };
 
 inline constexpr size_t kMaxBatch = 256;

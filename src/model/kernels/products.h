@@ -36,13 +36,15 @@ void arrangeGroup(const float* x, size_t xStride, size_t tokens, size_t cols, fl
   }
 }
 
-// Adds the first `count` lanes to floats in memory.
+// Adds the first `count` lanes to floats in memory, or to zeros.
 template <typename Vector>
-inline void addLanes(float* y, size_t count, typename Vector::Float sums) {
-  if (count >= Vector::kWidth) return Vector::store(y, Vector::add(Vector::load(y), sums));
+inline void addLanes(float* y, size_t count, typename Vector::Float sums, bool adds) {
+  if (count >= Vector::kWidth) {
+    return Vector::store(y, Vector::add(adds ? Vector::load(y) : Vector::zero(), sums));
+  }
   float lanes[Vector::kWidth];
   Vector::store(lanes, sums);
-  for (size_t i = 0; i < count; ++i) y[i] += lanes[i];
+  for (size_t i = 0; i < count; ++i) y[i] = (adds ? y[i] : 0) + lanes[i];
 }
 
 // A panel's decoded weights, [column][row], times inputs, [column][token].
@@ -55,6 +57,7 @@ struct PanelProduct {
   size_t cols;
   size_t rows;  // that count
   size_t yStride;
+  bool adds;
 
   // For at most kTokens tokens, which are those of a tile.
   template <size_t kTokens = Vector::kTileTokens>
@@ -65,9 +68,9 @@ struct PanelProduct {
     Float sums[kTokens][kTileRegisters];
     sum(x, sums);
     for (size_t t = 0; t < kTokens; ++t, y += yStride) {
-      addLanes<Vector>(y, rows, sums[t][0]);
+      addLanes<Vector>(y, rows, sums[t][0], adds);
       if (rows > Vector::kWidth)
-        addLanes<Vector>(y + Vector::kWidth, rows - Vector::kWidth, sums[t][1]);
+        addLanes<Vector>(y + Vector::kWidth, rows - Vector::kWidth, sums[t][1], adds);
     }
   }
 
@@ -136,7 +139,8 @@ class BatchedProduct {
         const PanelProduct<Vector> panel = {.weights = work.weights[0],
                                             .cols = left < kPanelCols ? left : kPanelCols,
                                             .rows = rowCount - r,
-                                            .yStride = batch.yStride};
+                                            .yStride = batch.yStride,
+                                            .adds = batch.adds || first != 0};
         addTokens(panel, batch, x, y + r, next, rowBytes);
       }
     }

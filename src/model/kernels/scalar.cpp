@@ -86,7 +86,10 @@ void multiplyTokens(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_
         sums[t].add(weights, batch.x + t * batch.xStride + at, n);
       }
     }
-    for (size_t t = 0; t < batch.tokens; ++t) batch.y[t * batch.yStride + r] += sums[t].total();
+    for (size_t t = 0; t < batch.tokens; ++t) {
+      float& y = batch.y[t * batch.yStride + r];
+      y = (batch.adds ? y : 0) + sums[t].total();
+    }
   }
 }
 
