@@ -13,6 +13,9 @@ namespace qwen35 {
 namespace {
 
 constexpr size_t kHeadWidth = 128;
+constexpr size_t kConvTaps = 4;
+constexpr size_t kConvInputs = kConvTaps - 1;  // that the state remembers
+constexpr size_t kConvChannels = 256;          // convolved together
 
 // Where a step reads and leaves the states of its block: in place for one token, beside them for a
 // batch that may yet be refused.
@@ -30,27 +33,66 @@ States statesFor(Layer& layer, bool isBatch) {
           layer.convState.data(), inPlace ? layer.convState.data() : layer.nextConv.data()};
 }
 
-// Causal depthwise convolution of the channels first..last - 1 over the rolling state, then SiLU.
-void convolve(Model& model, const Layer& layer, const States& states, size_t tokens, size_t first,
-              size_t last) {
+// Some channels of the convolution.
+struct Channels {
+  size_t first;
+  size_t count;  // at most kConvChannels
+};
+
+// Causal depthwise convolution of one token over the rolling state, which takes its input.
+void convolveToken(Workspace& w, const float* weights, float* states, size_t t, Channels channels) {
+  const float* inputs = w.qkv.row(t);
+  float* out = w.conv.row(t);
+  for (size_t c = channels.first; c < channels.first + channels.count; ++c) {
+    float* state = states + kConvInputs * c;
+    const float* tap = weights + kConvTaps * c;
+    const float input = inputs[c];
+    out[c] = tap[0] * state[0] + tap[1] * state[1] + tap[2] * state[2] + tap[3] * input;
+    state[0] = state[1];
+    state[1] = state[2];
+    state[2] = input;
+  }
+}
+
+// The same for a token whose last inputs are those of the batch; the taps are [tap][channel].
+void convolveRows(Workspace& w, const float (*taps)[kConvChannels], size_t t, Channels channels) {
+  const float* third = w.qkv.row(t - 3) + channels.first;
+  const float* second = w.qkv.row(t - 2) + channels.first;
+  const float* last = w.qkv.row(t - 1) + channels.first;
+  const float* input = w.qkv.row(t) + channels.first;
+  float* out = w.conv.row(t) + channels.first;
+#pragma omp simd
+  for (size_t c = 0; c < channels.count; ++c) {
+    out[c] = taps[0][c] * third[c] + taps[1][c] * second[c] + taps[2][c] * last[c] +
+             taps[3][c] * input[c];
+  }
+}
+
+// Convolution of all tokens, then SiLU.
+void convolve(Model& model, const Layer& layer, const States& states, size_t tokens,
+              Channels channels) {
   Workspace& w = model.work;
   const float* weights = floats(layer.ssmConv1d);
+  const size_t stateAt = kConvInputs * channels.first;
   if (states.convOut != states.conv) {
-    std::copy(states.conv + 3 * first, states.conv + 3 * last, states.convOut + 3 * first);
+    std::copy_n(states.conv + stateAt, kConvInputs * channels.count, states.convOut + stateAt);
+  }
+  float taps[kConvTaps][kConvChannels];
+  for (size_t i = 0; tokens > kConvInputs && i < kConvTaps * channels.count; ++i) {
+    taps[i % kConvTaps][i / kConvTaps] = weights[kConvTaps * channels.first + i];
   }
   for (size_t t = 0; t < tokens; ++t) {
-    const float* inputs = w.qkv.row(t);
-    float* out = w.conv.row(t);
-    for (size_t c = first; c < last; ++c) {
-      float* state = states.convOut + 3 * c;
-      const float* tap = weights + 4 * c;
-      const float input = inputs[c];
-      out[c] = tap[0] * state[0] + tap[1] * state[1] + tap[2] * state[2] + tap[3] * input;
-      state[0] = state[1];
-      state[1] = state[2];
-      state[2] = input;
+    if (t < kConvInputs) {
+      convolveToken(w, weights, states.convOut, t, channels);
+    } else {
+      convolveRows(w, taps, t, channels);
     }
-    model.kernels->silu(out + first, out + first, last - first);
+    float* out = w.conv.row(t) + channels.first;
+    model.kernels->silu(out, out, channels.count);
+  }
+  for (size_t i = 0; tokens > kConvInputs && i < kConvInputs * channels.count; ++i) {
+    const float* inputs = w.qkv.row(tokens - kConvInputs + i % kConvInputs);
+    states.convOut[stateAt + i] = inputs[channels.first + i / kConvInputs];
   }
 }
 
@@ -68,7 +110,10 @@ void project(Model& model, Layer& layer, const States& states, const float* x, s
                         {layer.ssmBeta, w.normed, w.beta, tokens},
                         {layer.ssmAlpha, w.normed, w.alpha, tokens}};
   runProducts(model, products, [&](size_t product, size_t first, size_t last) {
-    if (product == 0) convolve(model, layer, states, tokens, first, last);
+    if (product != 0) return;
+    for (size_t c = first; c < last; c += kConvChannels) {
+      convolve(model, layer, states, tokens, {c, std::min(kConvChannels, last - c)});
+    }
   });
 }
 
@@ -136,6 +181,7 @@ void gateHead(Model& model, const Layer& layer, size_t token, size_t h) {
   alignas(64) float gate[kHeadWidth];
   rmsNorm(w.heads.row(token) + h * kHeadWidth, floats(layer.ssmNorm), gated, kHeadWidth, kEpsilon);
   model.kernels->silu(w.gate.row(token) + h * kHeadWidth, gate, kHeadWidth);
+#pragma omp simd
   for (size_t j = 0; j < kHeadWidth; ++j) gated[j] *= gate[j];
 }
 
