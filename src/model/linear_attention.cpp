@@ -13,6 +13,7 @@ namespace qwen35 {
 namespace {
 
 constexpr size_t kHeadWidth = 128;
+constexpr size_t kAhead = 2;  // tokens
 constexpr size_t kConvTaps = 4;
 constexpr size_t kConvInputs = kConvTaps - 1;  // that the state remembers
 constexpr size_t kConvChannels = 256;          // convolved together
@@ -145,6 +146,14 @@ struct DeltaWork {
   float decay[kDeltaRun];
 };
 
+// Asks for one head's part of the token's row. Such parts lie pages apart, where the processor does
+// not look ahead by itself.
+void askForHead(const TokenRows& rows, size_t token, size_t at) {
+  constexpr size_t kLineFloats = 16;
+  if (token >= kMaxBatch) return;
+  for (size_t i = 0; i < kHeadWidth; i += kLineFloats) __builtin_prefetch(rows.row(token) + at + i);
+}
+
 // Delta rule of one value head over the run: values become outputs, in w.heads. Key head h mod 16
 // serves value head h: the key heads are tiled over the value heads.
 void updateState(Model& model, const Layer& layer, Run run, size_t h, bool decays,
@@ -152,12 +161,16 @@ void updateState(Model& model, const Layer& layer, Run run, size_t h, bool decay
   Workspace& w = model.work;
   for (size_t t = 0; t < run.count; ++t) {
     const float* channels = w.conv.row(run.first + t);
-    const float* query = channels + h % model.linearKeyHeads * kHeadWidth;
+    const size_t queryAt = h % model.linearKeyHeads * kHeadWidth;
+    const size_t valueAt = 2 * model.linearKeyWidth() + h * kHeadWidth;
+    for (const size_t at : {queryAt, queryAt + model.linearKeyWidth(), valueAt}) {
+      askForHead(w.conv, run.first + t + kAhead, at);
+    }
+    const float* query = channels + queryAt;
     l2NormBlocks(query, work.queries + t * kHeadWidth, 1, kHeadWidth, kEpsilon);
     l2NormBlocks(query + model.linearKeyWidth(), work.keys + t * kHeadWidth, 1, kHeadWidth,
                  kEpsilon);
-    std::copy_n(channels + 2 * model.linearKeyWidth() + h * kHeadWidth, kHeadWidth,
-                w.heads.row(run.first + t) + h * kHeadWidth);
+    std::copy_n(channels + valueAt, kHeadWidth, w.heads.row(run.first + t) + h * kHeadWidth);
     const HeadGates gates = headGates(model, layer, run.first + t, h);
     work.beta[t] = gates.beta;
     work.decay[t] = decays ? std::exp(gates.decay) : 1.0f;
@@ -177,6 +190,7 @@ void updateState(Model& model, const Layer& layer, Run run, size_t h, bool decay
 // Gated norm of one value head's output for one token.
 void gateHead(Model& model, const Layer& layer, size_t token, size_t h) {
   Workspace& w = model.work;
+  askForHead(w.gate, token + kAhead, h * kHeadWidth);
   float* gated = w.gated.row(token) + h * kHeadWidth;
   alignas(64) float gate[kHeadWidth];
   rmsNorm(w.heads.row(token) + h * kHeadWidth, floats(layer.ssmNorm), gated, kHeadWidth, kEpsilon);
