@@ -2,8 +2,10 @@
 // the table is the AVX-512 tier's.
 //
 // A tile instruction adds the products of 16 tokens x 32 inputs and 32 inputs x 16 rows to 16 x 16
-// sums. It takes bf16, eight significant bits, so inputs and weights are sums of two such limbs,
-// sixteen bits and more, and three of the four products of limbs count:
+// sums. It takes bf16, eight significant bits. An input is the sum of two such limbs, sixteen bits
+// and more. Codes of a sub-block of 32 columns fit into one: its sums are taken by themselves, and
+// its scale is applied to them. Other weights are split as well, and three of the four products of
+// limbs count:
 //
 //   weight * x = high * x.high + high * x.low + low * x.high      (+ 2^-16 of it at most)
 //
@@ -99,10 +101,10 @@ inline void openSums(const float (*at)[kSide], bool isFirst) {
 }
 
 // Inputs of sixteen tokens: for each panel of columns its tiles, the high limbs of a tile, a line
-// for each token, and then the low ones.
+// for each token, and then the low ones; after them the sums of the tiles' inputs.
 constexpr size_t kLimb = kSide * kSide;  // floats of memory for a limb of a tile
 constexpr size_t kInputTile = 2 * kLimb;
-constexpr size_t kInputPanel = kPanelTiles * kInputTile;
+constexpr size_t kInputPanel = kPanelTiles * kInputTile + kLimb;
 static_assert(kTokenGroup == kSide);
 static_assert(kInputPanel <= kSide * kArrangedBlock);
 
@@ -135,7 +137,6 @@ inline void storeInputs(__m512 first, __m512 second, float* out) {
 // caches while every sixteen rows read them.
 constexpr size_t kRowsAtOnce = 256;
 constexpr size_t kRowTiles = kRowsAtOnce / kSide;
-constexpr size_t kTogether = 2 * kSide;  // rows, or tokens, that the tile registers hold
 
 using RowSums = float[kMaxBatch][kSide];  // of sixteen rows: [token][row]
 
@@ -143,31 +144,35 @@ using RowSums = float[kMaxBatch][kSide];  // of sixteen rows: [token][row]
 // of those that come next is asked for: into the second-level cache, where they stay for all rows.
 class Inputs {
  public:
-  // Of kRowsAtOnce, those from `row` on ask for their part of `next`.
-  Inputs(const float* at, const float* next, size_t row, size_t tokenStride)
-      : at_(at), next_(next + row / kTogether * kPart), tokenStride_(kSide * tokenStride) {}
+  // Of kRowsAtOnce, `rows` of them from `row` on ask for their part of `next`.
+  Inputs(const float* at, const float* next, size_t row, size_t rows, size_t tokenStride)
+      : at_(at),
+        next_(next + row * kRowPart),
+        part_(rows * kRowPart / kPanelTiles),
+        tokenStride_(kSide * tokenStride) {}
 
   const float* tile(size_t i, size_t tokenTile = 0) const {
     return at_ + i * kInputTile + tokenTile * tokenStride_;
   }
   void askForNext(size_t i, size_t tokenTile = 0) const {
-    const float* at = next_ + i * (kPart / kPanelTiles) + tokenTile * tokenStride_;
-    prefetch<2>(reinterpret_cast<const uint8_t*>(at), kPart / kPanelTiles * sizeof(float));
+    const float* at = next_ + i * part_ + tokenTile * tokenStride_;
+    prefetch<2>(reinterpret_cast<const uint8_t*>(at), part_ * sizeof(float));
   }
 
  private:
-  static constexpr size_t kPart = kInputPanel * kTogether / kRowsAtOnce;  // floats
+  static constexpr size_t kRowPart = kPanelTiles * kInputTile / kRowsAtOnce;  // floats
 
   const float* at_;
   const float* next_;
+  size_t part_;
   size_t tokenStride_;
 };
 
-// A panel of the weights of one or two tiles of rows times one of the inputs of as many tiles of
-// tokens. What comes of it is added to the sums, or with the first columns begins them.
-template <typename Tiles>
+// A panel of the weights of some rows times one of the inputs of some tokens. What comes of it is
+// added to the sums, or with the first columns begins them.
+template <typename Panel>
 struct Step {
-  const typename Tiles::Panel* weights;
+  const Panel* weights;  // of sixteen rows each
   size_t tiles;
   Inputs x;
   bool isFirst;
@@ -175,121 +180,221 @@ struct Step {
   size_t firstToken;
 };
 
-template <size_t kRowTiles, size_t kTokenTiles, typename Tiles>
-void multiplyTogether(const Step<Tiles>& step) {
-  forEach<kRowTiles, kTokenTiles>([&]<int r, int t>() __attribute__((always_inline)) {
-    openSums<2 * r + t>(step.sums[r] + step.firstToken + t * kSide, step.isFirst);
-  });
-  const auto addProducts = []<int r, int t>() __attribute__((always_inline)) {
-    multiplyTiles<2 * r + t, kInputs + t, kWeights + r>();
-  };
-  for (size_t i = 0; i < step.tiles; ++i) {
-    forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
-      streamTile<kWeights + r>(&step.weights[r].tiles[i][0]);
+// Weights in limbs. Panels have [tile][limb].
+template <typename Tiles>
+struct LimbProduct : Tiles {
+  using typename Tiles::Panel;
+  static constexpr size_t kTogether = 2 * kSide;  // the most rows, and tokens, of a step
+
+  static void arrange(const float* x, size_t cols, float* out) {
+    for (size_t tile = 0; tile < tilesOf(cols); ++tile, out += kInputTile) {
+      storeInputs(loadInputs(x, cols, Tiles::half(tile, 0)),
+                  loadInputs(x, cols, Tiles::half(tile, 1)), out);
+    }
+  }
+
+  static void multiply(const Step<Panel>& step, size_t rows, size_t tokens) {
+    if (rows > kSide) {
+      return tokens > kSide ? multiplyTogether<2, 2>(step) : multiplyTogether<2, 1>(step);
+    }
+    return tokens > kSide ? multiplyTogether<1, 2>(step) : multiplyTogether<1, 1>(step);
+  }
+
+ private:
+  template <size_t kRowTiles, size_t kTokenTiles>
+  static void multiplyTogether(const Step<Panel>& step) {
+    forEach<kRowTiles, kTokenTiles>([&]<int r, int t>() __attribute__((always_inline)) {
+      openSums<2 * r + t>(step.sums[r] + step.firstToken + t * kSide, step.isFirst);
     });
-    forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
-      step.x.askForNext(i, t);
-      loadTile<kInputs + t>(step.x.tile(i, t) + kLimb);
+    const auto addProducts = []<int r, int t>() __attribute__((always_inline)) {
+      multiplyTiles<2 * r + t, kInputs + t, kWeights + r>();
+    };
+    for (size_t i = 0; i < step.tiles; ++i) {
       forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
-        addProducts.template operator()<r, t>();
+        streamTile<kWeights + r>(&step.weights[r].tiles[i][0]);
       });
-    });
-    forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
-      loadTile<kInputs + t>(step.x.tile(i, t));
-      forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
-        addProducts.template operator()<r, t>();
-      });
-    });
-    if constexpr (Tiles::kLimbs > 1) {
-      forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
-        streamTile<kWeights + r>(&step.weights[r].tiles[i][1]);
-        forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+      forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+        step.x.askForNext(i, t);
+        loadTile<kInputs + t>(step.x.tile(i, t) + kLimb);
+        forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
           addProducts.template operator()<r, t>();
         });
       });
+      forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+        loadTile<kInputs + t>(step.x.tile(i, t));
+        forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
+          addProducts.template operator()<r, t>();
+        });
+      });
+      if constexpr (Tiles::kLimbs > 1) {
+        forEach<kRowTiles>([&]<int r>() __attribute__((always_inline)) {
+          streamTile<kWeights + r>(&step.weights[r].tiles[i][1]);
+          forEach<kTokenTiles>([&]<int t>() __attribute__((always_inline)) {
+            addProducts.template operator()<r, t>();
+          });
+        });
+      }
+    }
+    forEach<kRowTiles, kTokenTiles>([&]<int r, int t>() __attribute__((always_inline)) {
+      storeTile<2 * r + t>(step.sums[r] + step.firstToken + t * kSide);
+    });
+  }
+};
+
+// Codes whose scales are applied to the sums of a tile.
+template <typename Tiles>
+struct CodeProduct : Tiles {
+  using typename Tiles::Panel;
+  static constexpr size_t kTogether = kSide;
+  static constexpr bool kHasMinimums = requires(Panel panel) { panel.minimums; };
+
+  static void arrange(const float* x, size_t cols, float* out) {
+    alignas(64) float sums[kSide] = {};
+    for (size_t tile = 0; tile < tilesOf(cols); ++tile) {
+      const __m512 first = loadInputs(x, cols, tile * kTileCols);
+      const __m512 second = loadInputs(x, cols, tile * kTileCols + kHalfCols);
+      storeInputs(swapMiddle(first), swapMiddle(second), out + tile * kInputTile);
+      sums[2 * tile] = sums[2 * tile + 1] = _mm512_reduce_add_ps(_mm512_add_ps(first, second));
+    }
+    if constexpr (kHasMinimums) storeSums(sums, out + kPanelTiles * kInputTile);
+  }
+
+  static void multiply(const Step<Panel>& step, size_t, size_t) {
+    const Panel& weights = *step.weights;
+    float(*out)[kSide] = *step.sums + step.firstToken;
+    alignas(64) float parts[kSumTiles][kSide][kSide];  // [tile][token][row]
+    openSums<kTotal>(out, step.isFirst);
+    if constexpr (kHasMinimums) addMinimums(weights.minimums, step.x.tile(kPanelTiles));
+    storeTile<kTotal>(parts[kTotal]);
+    __m512 total[kSide];
+#pragma GCC unroll 16
+    for (size_t t = 0; t < kSide; ++t) total[t] = _mm512_load_ps(parts[kTotal][t]);
+    forEach<kPanelTiles + kDelay>([&]<int i>() __attribute__((always_inline)) {
+      if constexpr (i < kPanelTiles) {
+        step.x.askForNext(i);
+        if (i < step.tiles) sumCodes<i>(weights.codes[i], step.x.tile(i), parts[i % kSumTiles]);
+      }
+      if constexpr (i >= kDelay) {
+        constexpr size_t kTile = i - kDelay;
+        if (kTile < step.tiles) {
+          addScaled(parts[kTile % kSumTiles], _mm512_load_ps(weights.scales[kTile]), total);
+        }
+      }
+    });
+#pragma GCC unroll 16
+    for (size_t t = 0; t < kSide; ++t) _mm512_store_ps(out[t], total[t]);
+  }
+
+ private:
+  // Tiles from a sum's beginning to its use: the tile unit takes its time.
+  static constexpr int kDelay = 2;
+  static constexpr int kTotal = kSumTiles - 1;  // the tile of what was there before
+  static_assert(kDelay < kTotal);
+
+  template <int kTile>
+  [[gnu::always_inline]] static void sumCodes(const Tile& codes, const float* x,
+                                              float (&sums)[kSide][kSide]) {
+    constexpr int kSum = kTile % kSumTiles;
+    constexpr int kCodes = kWeights + kTile % 2;
+    clearTile<kSum>();
+    streamTile<kCodes>(&codes);
+    loadTile<kInputs>(x);
+    multiplyTiles<kSum, kInputs, kCodes>();
+    loadTile<kInputs + 1>(x + kLimb);
+    multiplyTiles<kSum, kInputs + 1, kCodes>();
+    storeTile<kSum>(sums);
+  }
+
+  [[gnu::always_inline]] static void addMinimums(const Tile& minimums, const float* x) {
+    streamTile<kWeights>(&minimums);
+    loadTile<kInputs>(x);
+    multiplyTiles<kTotal, kInputs, kWeights>();
+  }
+
+  [[gnu::always_inline]] static void addScaled(const float (&sums)[kSide][kSide], __m512 scale,
+                                               __m512 (&total)[kSide]) {
+#pragma GCC unroll 16
+    for (size_t t = 0; t < kSide; ++t) {
+      total[t] = _mm512_fmadd_ps(_mm512_load_ps(sums[t]), scale, total[t]);
     }
   }
-  forEach<kRowTiles, kTokenTiles>([&]<int r, int t>() __attribute__((always_inline)) {
-    storeTile<2 * r + t>(step.sums[r] + step.firstToken + t * kSide);
-  });
-}
 
-template <typename Tiles>
-void multiply(const Step<Tiles>& step, size_t rows, size_t tokens) {
-  if (rows > kSide) {
-    return tokens > kSide ? multiplyTogether<2, 2>(step) : multiplyTogether<2, 1>(step);
+  // In every four, as a line of codes has its columns.
+  static __m512 swapMiddle(__m512 x) { return _mm512_permute_ps(x, 0xd8); }
+
+  // Lane 2s as both its high limb, lane 2s + 1 as both its low limb.
+  static void storeSums(const float* sums, float* out) {
+    const __m512 all = _mm512_load_ps(sums);
+    const __m512i high = roundUpper(all);
+    const __m512i limbs = _mm512_mask_mov_epi32(high, 0xaaaa, roundUpper(rest(all, high)));
+    _mm512_storeu_si512(out, upperHalves(limbs, limbs));
   }
-  return tokens > kSide ? multiplyTogether<1, 2>(step) : multiplyTogether<1, 1>(step);
-}
+};
 
-template <typename Tiles>
+template <typename Product>
 void arrange(const float* x, size_t xStride, size_t tokens, size_t cols, float* out) {
   for (size_t first = 0; first < cols; first += kPanelCols, out += kInputPanel) {
     for (size_t t = 0; t < tokens; ++t) {
-      const float* token = x + t * xStride + first;
-      for (size_t i = 0; i < tilesOf(cols - first); ++i) {
-        storeInputs(loadInputs(token, cols - first, Tiles::half(i, 0)),
-                    loadInputs(token, cols - first, Tiles::half(i, 1)),
-                    out + i * kInputTile + t * kSide);
-      }
+      Product::arrange(x + t * xStride + first, cols - first, out + t * kSide);
     }
   }
 }
 
 // What a product works on.
-template <typename Tiles>
+template <typename Product>
 struct Work {
-  typename Tiles::Panel weights[kRowTiles];
+  typename Product::Panel weights[kRowTiles];
   alignas(64) RowSums sums[kRowTiles];
-  FilledPanel<Tiles> filled;
+  FilledPanel<Product> filled;
 };
 
-// Asks for the bytes of a panel's rows, shared out over the tokens: for the share of kTogether from
-// `token` on.
-template <typename Tiles>
+// Asks for the bytes of a panel's rows, shared out over the tokens: for the share of
+// Product::kTogether from `token` on.
+template <typename Product>
 void askForRows(const uint8_t* at, size_t rowBytes, size_t token, size_t tokens) {
-  const size_t end = token + kTogether < tokens ? token + kTogether : tokens;
-  for (size_t r = token * kTogether / tokens; r < end * kTogether / tokens; ++r) {
-    prefetch<2>(at + r * rowBytes, panelBytes<Tiles>());
+  const size_t end = token + Product::kTogether < tokens ? token + Product::kTogether : tokens;
+  for (size_t r = token * Product::kTogether / tokens; r < end * Product::kTogether / tokens; ++r) {
+    prefetch<2>(at + r * rowBytes, panelBytes<Product>());
   }
 }
 
 // work.sums = rows . x for up to kRowsAtOnce rows.
-template <typename Tiles>
+template <typename Product>
 void multiplyRows(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
-                  const Batch& batch, Work<Tiles>& work) {
+                  const Batch& batch, Work<Product>& work) {
   const float* x = batch.x;
   for (size_t first = 0; first < cols; first += kPanelCols, x += kInputPanel) {
     const size_t left = cols - first;
     const bool isLast = left <= kPanelCols;
-    const uint8_t* at = rows + first / kPanelCols * panelBytes<Tiles>();
+    const uint8_t* at = rows + first / kPanelCols * panelBytes<Product>();
     for (size_t r = 0; r < rowCount; r += kSide) {
-      Tiles::make(rowsOfPanel(at + r * rowBytes, rowBytes, rowCount - r, left, work.filled),
-                  tilesOf(left), work.weights[r / kSide]);
+      Product::make(rowsOfPanel(at + r * rowBytes, rowBytes, rowCount - r, left, work.filled),
+                    tilesOf(left), work.weights[r / kSide]);
     }
-    const uint8_t* nextRows = isLast ? rows + rowCount * rowBytes : at + panelBytes<Tiles>();
+    const uint8_t* nextRows = isLast ? rows + rowCount * rowBytes : at + panelBytes<Product>();
     const float* nextInputs = isLast ? batch.x : x + kInputPanel;
-    for (size_t t = 0; t < batch.tokens; t += kTogether) {
+    for (size_t t = 0; t < batch.tokens; t += Product::kTogether) {
       const size_t token = t * batch.xStride;
-      for (size_t r = 0; r < rowCount; r += kTogether) {
-        askForRows<Tiles>(nextRows + r * rowBytes, rowBytes, t, batch.tokens);
-        multiply<Tiles>({.weights = work.weights + r / kSide,
-                         .tiles = tilesOf(left),
-                         .x = Inputs(x + token, nextInputs + token, r, batch.xStride),
-                         .isFirst = first == 0,
-                         .sums = work.sums + r / kSide,
-                         .firstToken = t},
-                        rowCount - r, batch.tokens - t);
+      for (size_t r = 0; r < rowCount; r += Product::kTogether) {
+        askForRows<Product>(nextRows + r * rowBytes, rowBytes, t, batch.tokens);
+        Product::multiply(
+            {.weights = work.weights + r / kSide,
+             .tiles = tilesOf(left),
+             .x = Inputs(x + token, nextInputs + token, r, Product::kTogether, batch.xStride),
+             .isFirst = first == 0,
+             .sums = work.sums + r / kSide,
+             .firstToken = t},
+            rowCount - r, batch.tokens - t);
       }
     }
   }
 }
 
-template <typename Tiles>
+template <typename Product>
 void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, const Batch& batch) {
-  static_assert(sizeof(Work<Tiles>) <= kBatchScratch * sizeof(float));
+  static_assert(sizeof(Work<Product>) <= kBatchScratch * sizeof(float));
   const TileScope scope;
-  auto& work = *reinterpret_cast<Work<Tiles>*>(batch.scratch);
+  auto& work = *reinterpret_cast<Work<Product>*>(batch.scratch);
   for (size_t first = 0; first < rowCount; first += kRowsAtOnce) {
     const size_t count = rowCount - first < kRowsAtOnce ? rowCount - first : kRowsAtOnce;
     multiplyRows(rows + first * rowBytes, rowBytes, count, cols, batch, work);
@@ -305,22 +410,22 @@ void gemm(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols, co
   }
 }
 
-template <typename Tiles>
+template <typename Product>
 void use(KernelTable& table, size_t type) {
-  table.gemm[type] = gemm<Tiles>;
-  table.arrangeBatch[type] = arrange<Tiles>;
+  table.gemm[type] = gemm<Product>;
+  table.arrangeBatch[type] = arrange<Product>;
 }
 
 }  // namespace
 
 void addTileKernels(KernelTable& table) {
   table.name = "amx";
-  table.requiredFeatures |= 0x4;  // compat::kCpuAmx
-  use<PlainTiles>(table, 2);      // by kiv::QuantType
-  use<SplitTiles<Q80Rows<Vector>>>(table, 4);
-  use<SplitTiles<Q4kRows<Vector>>>(table, 5);
-  use<SplitTiles<Q5kRows<Vector>>>(table, 6);
-  use<SplitTiles<Q6kRows<Vector>>>(table, 7);
+  table.requiredFeatures |= 0x4;           // compat::kCpuAmx
+  use<LimbProduct<PlainTiles>>(table, 2);  // by kiv::QuantType
+  use<CodeProduct<Q80Tiles>>(table, 4);
+  use<CodeProduct<Q4kTiles>>(table, 5);
+  use<CodeProduct<Q5kTiles>>(table, 6);
+  use<LimbProduct<SplitTiles<Q6kRows<Vector>>>>(table, 7);
 }
 
 }  // namespace qwen35

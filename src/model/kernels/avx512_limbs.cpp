@@ -1,5 +1,5 @@
-// Products of one token with K-quant weights where the CPU of the AVX-512 tier has VNNI, VBMI, VBMI2
-// and GFNI as well: dot products of bytes take a fraction of the operations that floats do
+// Products of one token with K-quant weights where the CPU of the AVX-512 tier has VNNI, VBMI,
+// VBMI2 and GFNI as well: dot products of bytes take a fraction of the operations that floats do
 // (model/kernels/limb_products.h).
 #include <immintrin.h>
 
