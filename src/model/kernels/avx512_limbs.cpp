@@ -137,10 +137,12 @@ struct Q4kLimbs {
   }
 };
 
-// The matrix that brings bit `from` of every byte to bit `to`, and the one above it with it.
+// The matrix that brings bit `from` of every byte to bit `to`.
 constexpr long long moveBit(int from, int to) {
-  return static_cast<long long>(uint64_t{1} << (from + 8 * (7 - to)));
+  const uint64_t matrix = uint64_t{1} << (from + 8 * (7 - to));
+  return static_cast<long long>(matrix);
 }
+// And the one above it as well.
 constexpr long long moveTwoBits(int from, int to) {
   return moveBit(from, to) | moveBit(from + 1, to + 1);
 }
