@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "model/kernels/delta_rule.h"
 #include "model/kernels/k_products.h"
 #include "model/kernels/kernels.h"
 #include "model/kernels/plain_products.h"
@@ -364,116 +365,6 @@ void attend(const AttentionRun& run, AttentionPart& part) {
   sumValues(run, scores, part);
 }
 
-// Rows of some columns of a delta-rule state.
-template <typename Float>
-struct StateColumns {
-  Float* at;
-  size_t stride;
-};
-
-// Some columns of a state and the tokens that they go through. Each token gathers k.S and q.S of
-// the old state, then decays and updates it; its output follows from q.S' = decay q.S + (q.k)
-// delta. The update by one token and the gathering of the next are one pass.
-template <size_t kRegisters>
-class DeltaColumns {
- public:
-  static constexpr size_t kColumns = kWidth * kRegisters;
-
-  DeltaColumns(const DeltaTokens& tokens, size_t d, float scale, const float* qk)
-      : tokens_(tokens), d_(d), scale_(scale), qk_(qk) {}
-
-  // Those from column j on.
-  void run(const float* from, float* to, size_t j) const {
-    // Where the rows lie apart, they share few sets of the nearest cache.
-    const StateColumns<float> together = {tokens_.scratch, kColumns};
-    StateColumns<const float> state = {from + j, d_};
-    Sums sums = gather(state);
-    const size_t last = tokens_.count - 1;
-    for (size_t t = 0; t < last; ++t) {
-      const Update update = finish(t, j, sums);
-      sums = Sums();
-      pass<true>(state, together, update, t, sums);
-      state = {together.at, together.stride};
-    }
-    const Update update = finish(last, j, sums);
-    pass<false>(state, {to + j, d_}, update, last, sums);
-  }
-
- private:
-  struct Sums {
-    __m512 k[kRegisters] = {};
-    __m512 q[kRegisters] = {};
-  };
-  struct Update {
-    __m512 decay;
-    __m512 delta[kRegisters];
-  };
-
-  Sums gather(StateColumns<const float> state) const {
-    Sums sums;
-    for (size_t i = 0; i < d_; ++i) {
-      const __m512 ki = _mm512_set1_ps(tokens_.k[i]);
-      const __m512 qi = _mm512_set1_ps(tokens_.q[i]);
-      for (size_t c = 0; c < kRegisters; ++c) {
-        const __m512 s = _mm512_loadu_ps(state.at + i * state.stride + kWidth * c);
-        sums.k[c] = _mm512_fmadd_ps(ki, s, sums.k[c]);
-        sums.q[c] = _mm512_fmadd_ps(qi, s, sums.q[c]);
-      }
-    }
-    return sums;
-  }
-
-  // Writes the output of token t.
-  Update finish(size_t t, size_t j, const Sums& sums) const {
-    Update update;
-    update.decay = _mm512_set1_ps(tokens_.decay[t]);
-    for (size_t c = 0; c < kRegisters; ++c) {
-      float* v = tokens_.v + t * tokens_.vStride + j + kWidth * c;
-      const __m512 error = _mm512_fnmadd_ps(update.decay, sums.k[c], _mm512_loadu_ps(v));
-      update.delta[c] = _mm512_mul_ps(error, _mm512_set1_ps(tokens_.beta[t]));
-      const __m512 out = _mm512_fmadd_ps(_mm512_set1_ps(qk_[t]), update.delta[c],
-                                         _mm512_mul_ps(update.decay, sums.q[c]));
-      _mm512_storeu_ps(v, _mm512_mul_ps(_mm512_set1_ps(scale_), out));
-    }
-    return update;
-  }
-
-  // Updates the state by token t and gathers the sums of the next.
-  template <bool kGathers>
-  void pass(StateColumns<const float> from, StateColumns<float> to, const Update& update, size_t t,
-            Sums& sums) const {
-    const float* k = tokens_.k + t * d_;
-    const float* q = tokens_.q + t * d_;
-    for (size_t i = 0; i < d_; ++i) {
-      const __m512 ki = _mm512_set1_ps(k[i]);
-      for (size_t c = 0; c < kRegisters; ++c) {
-        const __m512 old = _mm512_loadu_ps(from.at + i * from.stride + kWidth * c);
-        const __m512 s = _mm512_fmadd_ps(ki, update.delta[c], _mm512_mul_ps(update.decay, old));
-        _mm512_storeu_ps(to.at + i * to.stride + kWidth * c, s);
-        if constexpr (kGathers) {
-          sums.k[c] = _mm512_fmadd_ps(_mm512_set1_ps(k[d_ + i]), s, sums.k[c]);
-          sums.q[c] = _mm512_fmadd_ps(_mm512_set1_ps(q[d_ + i]), s, sums.q[c]);
-        }
-      }
-    }
-  }
-
-  const DeltaTokens& tokens_;
-  size_t d_;
-  float scale_;
-  const float* qk_;
-};
-
-void deltaRule(const float* from, float* to, const DeltaTokens& tokens, size_t d, float scale) {
-  float qk[kDeltaRun];
-  for (size_t t = 0; t < tokens.count; ++t) qk[t] = dot(tokens.q + t * d, tokens.k + t * d, d);
-  const DeltaColumns<4> four(tokens, d, scale, qk);
-  const DeltaColumns<1> one(tokens, d, scale, qk);
-  size_t j = 0;
-  for (; j + four.kColumns <= d; j += four.kColumns) four.run(from, to, j);
-  for (; j < d; j += one.kColumns) one.run(from, to, j);
-}
-
 }  // namespace
 
 const KernelTable kAvx512Kernels = {
@@ -494,7 +385,7 @@ const KernelTable kAvx512Kernels = {
     .silu = silu,
     .sigmoid = sigmoid,
     .attend = attend,
-    .deltaRule = deltaRule,
+    .deltaRule = deltaRule<Vector, dot>,
 };
 
 }  // namespace qwen35
