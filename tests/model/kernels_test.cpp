@@ -487,6 +487,18 @@ TEST(KernelTableTest, TheScalarTierRunsEverywhereAndTheOthersNeedWhatTheyUse) {
   }
 }
 
+TEST(KernelTableTest, KQuantsAreMultipliedInIntegersWhereTheProcessorCan) {
+  const bool has = (compat::cpuFeatures() & compat::kCpuAvx512Limbs) != 0;
+  for (const KernelTable* tier : qwen35::allKernels()) {
+    if ((tier->requiredFeatures & compat::kCpuAvx512) == 0) continue;
+    for (const QuantType type : {QuantType::Q4_K, QuantType::Q5_K, QuantType::Q6_K}) {
+      const auto index = static_cast<size_t>(type);
+      EXPECT_EQ(tier->gemv[index] != qwen35::kAvx512Kernels.gemv[index], has) << tier->name;
+      EXPECT_EQ(tier->arrange[index] != qwen35::kAvx512Kernels.arrange[index], has) << tier->name;
+    }
+  }
+}
+
 TEST(SelectKernelsTest, WithoutANameTheLastRunnableTierIsTaken) {
   const KernelTable* best = nullptr;
   for (const KernelTable* tier : qwen35::allKernels()) {
