@@ -81,8 +81,8 @@ class DeltaColumns {
       float* v = tokens_.v + t * tokens_.vStride + j + Vector::kWidth * c;
       const Float error = Vector::fma(minusDecay, sums.k[c], Vector::load(v));
       update.delta[c] = Vector::mul(error, Vector::each(tokens_.beta[t]));
-      const Float out = Vector::fma(Vector::each(qk_[t]), update.delta[c],
-                                         Vector::mul(update.decay, sums.q[c]));
+      const Float out =
+          Vector::fma(Vector::each(qk_[t]), update.delta[c], Vector::mul(update.decay, sums.q[c]));
       Vector::store(v, Vector::mul(Vector::each(scale_), out));
     }
     return update;
