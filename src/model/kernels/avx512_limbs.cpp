@@ -12,6 +12,47 @@
 namespace qwen35 {
 namespace {
 
+constexpr size_t kCodeRegisters = 4;  // of a block
+constexpr size_t kHeadRows = 4;       // whose scales are decoded together
+
+// See model/kernels/limb_products.h.
+struct Limbs {
+  using Float = __m512;
+  using Int = __m512i;
+  static constexpr size_t kWidth = 16;
+  static constexpr size_t kRowsAtOnce = 4;
+  static constexpr size_t kAhead = 4096;
+  static constexpr size_t kFirstUnit = 0;
+  static const KernelTable& floats() { return kAvx512Kernels; }
+
+  static Float load(const float* at) { return _mm512_loadu_ps(at); }
+  static Float each(float value) { return _mm512_set1_ps(value); }
+  static Float add(Float a, Float b) { return _mm512_add_ps(a, b); }
+  static Float sub(Float a, Float b) { return _mm512_sub_ps(a, b); }
+  static Float mul(Float a, Float b) { return _mm512_mul_ps(a, b); }
+  static Float abs(Float a) { return _mm512_abs_ps(a); }
+  static bool anyGreater(Float a, Float b) { return _mm512_cmp_ps_mask(a, b, _CMP_GT_OQ) != 0; }
+  static float total(Float v) { return _mm512_reduce_add_ps(v); }
+
+  static Int round(Float v) { return _mm512_cvtps_epi32(v); }
+  static Float toFloat(Int v) { return _mm512_cvtepi32_ps(v); }
+  static Int loadInts(const void* at) { return _mm512_loadu_si512(at); }
+  static Int eachByte(int value) { return _mm512_set1_epi8(static_cast<char>(value)); }
+  static Int dot(Int sums, Int codes, Int limbs) { return _mm512_dpbusd_epi32(sums, codes, limbs); }
+  static void store(int32_t* at, Int v) { _mm512_storeu_si512(at, v); }
+
+  // The number and, in the highest byte, what comes in when it is shifted.
+  static void storeStart(LimbBlock& block, size_t, size_t pair, Int first, Int second) {
+    const Int all = _mm512_add_epi32(_mm512_slli_epi32(first, 8), second);
+    const Int start = _mm512_sub_epi32(_mm512_setzero_si512(), all);
+    store(block.starts + 32 * pair, _mm512_srai_epi32(start, 8));
+    store(block.starts + 32 * pair + 16, _mm512_slli_epi32(start, 24));
+  }
+
+  template <typename Codes, size_t kRows>
+  class Rows;
+};
+
 inline __m128i load16(const uint8_t* at) {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
 }
@@ -115,6 +156,7 @@ struct Q4kLimbs {
   static constexpr size_t kType = 5;
   static constexpr size_t kBytes = 144;
   static constexpr size_t kSubBlocks = 8;
+  static constexpr size_t kGroups = 1;
   static constexpr int kCentre = 0;
   static constexpr bool kShortRowsNear = false;
   using Heads = SubBlockHeads;
@@ -159,6 +201,7 @@ struct Q5kLimbs {
   static constexpr size_t kType = 6;
   static constexpr size_t kBytes = 176;
   static constexpr size_t kSubBlocks = 8;
+  static constexpr size_t kGroups = 1;
   static constexpr int kCentre = 0;
   static constexpr bool kShortRowsNear = false;
   using Heads = SubBlockHeads;
@@ -195,6 +238,7 @@ struct Q6kLimbs {
   static constexpr size_t kType = 7;
   static constexpr size_t kBytes = 210;
   static constexpr size_t kSubBlocks = 16;
+  static constexpr size_t kGroups = 1;
   static constexpr int kCentre = 32;
   static constexpr bool kShortRowsNear = true;
 
@@ -256,18 +300,105 @@ struct Q6kLimbs {
   }
 };
 
-template <typename Codes>
-void use(KernelTable& table) {
-  table.gemv[Codes::kType] = LimbProducts<Codes>::gemv;
-  table.arrange[Codes::kType] = LimbInputs<Codes>::arrange;
-}
+// Sums of four rows' products, or fewer. A type's Codes have as well:
+//
+//   static void load(const uint8_t* block, __m512i (&codes)[kCodeRegisters]);
+//   struct Heads;                           // scales and minimums of up to four rows:
+//     template <size_t kRows> void decode(const uint8_t* block, size_t rowBytes, x);
+//     __m512 scales(size_t r) const;        // of the last block, times the units
+//     float minimums(size_t r) const;       // times the sums, of all blocks
+template <typename Codes, size_t kRows>
+class Limbs::Rows {
+ public:
+  Rows() {
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) upper_[r] = lower_[r] = _mm512_setzero_ps();
+  }
+
+  template <int kLevel>
+  [[gnu::always_inline]] void add(const uint8_t* rows, size_t rowBytes, const LimbBlock& x,
+                                  const uint8_t* next) {
+    heads_.template decode<kRows>(rows, rowBytes, x);
+    __m512i sums[kRows][2];
+    dot<kLevel>(rows, rowBytes, x, next, sums);
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) {
+      const __m512 scales = heads_.scales(r);
+      upper_[r] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(sums[r][0]), scales, upper_[r]);
+      lower_[r] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(sums[r][1]), scales, lower_[r]);
+    }
+  }
+
+  float product(size_t r) const {
+    const __m512 all = _mm512_fmadd_ps(lower_[r], _mm512_set1_ps(0x1p-16f), upper_[r]);
+    return _mm512_reduce_add_ps(all) + heads_.minimums(r);
+  }
+
+ private:
+  // Sums of the products of each row's codes with pairs of limbs, the first of a pair times 256: of
+  // the upper two and the lower two. Taking turns keeps 2 * kRows chains of sums going.
+  template <int kLevel>
+  [[gnu::always_inline]] static void dot(const uint8_t* rows, size_t rowBytes, const LimbBlock& x,
+                                         const uint8_t* next, __m512i (&sums)[kRows][2]) {
+    __m512i codes[kRows][kCodeRegisters];
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) {
+      Codes::load(rows + r * rowBytes, codes[r]);
+      for (size_t pair = 0; pair < 2; ++pair) {
+        sums[r][pair] = Codes::kCentre == 0 ? _mm512_setzero_si512() : start(x, pair, 0);
+      }
+    }
+    addLimbs<kLevel>(codes, x, 0, next, sums);
+#pragma GCC unroll 4
+    for (size_t r = 0; r < kRows; ++r) {
+      for (size_t pair = 0; pair < 2; ++pair) {
+        if constexpr (Codes::kCentre == 0) {
+          sums[r][pair] = _mm512_slli_epi32(sums[r][pair], 8);
+        } else {
+          sums[r][pair] = _mm512_shldi_epi32(sums[r][pair], start(x, pair, 1), 8);
+        }
+      }
+    }
+    addLimbs<kLevel>(codes, x, 1, next, sums);
+  }
+
+  // See Limbs::storeStart.
+  static __m512i start(const LimbBlock& x, size_t pair, size_t part) {
+    return Limbs::loadInts(x.starts + 32 * pair + 16 * part);
+  }
+
+  template <int kLevel>
+  [[gnu::always_inline]] static void addLimbs(const __m512i (&codes)[kRows][kCodeRegisters],
+                                              const LimbBlock& x, size_t limb, const uint8_t* next,
+                                              __m512i (&sums)[kRows][2]) {
+#pragma GCC unroll 4
+    for (size_t i = 0; i < kCodeRegisters; ++i) {
+#pragma GCC unroll 2
+      for (size_t pair = 0; pair < 2; ++pair) {
+        __m512i limbs = Limbs::loadInts(x.limbs[2 * pair + limb] + 64 * i);
+        __asm__("" : "+v"(limbs));  // loaded once for all rows
+#pragma GCC unroll 4
+        for (size_t r = 0; r < kRows; ++r) {
+          sums[r][pair] = Limbs::dot(sums[r][pair], codes[r][i], limbs);
+        }
+        constexpr size_t kSteps = 2 * 2 * kCodeRegisters;
+        prefetchStep<kLevel, kRows * Codes::kBytes, kSteps>(next, 8 * limb + 2 * i + pair,
+                                                            sums[0][pair]);
+      }
+    }
+  }
+
+  __m512 upper_[kRows];
+  __m512 lower_[kRows];
+  typename Codes::Heads heads_;
+};
 
 }  // namespace
 
 void addLimbKernels(KernelTable& table) {
-  use<Q4kLimbs>(table);
-  use<Q5kLimbs>(table);
-  use<Q6kLimbs>(table);
+  useLimbs<Limbs, Q4kLimbs>(table);
+  useLimbs<Limbs, Q5kLimbs>(table);
+  useLimbs<Limbs, Q6kLimbs>(table);
 }
 
 }  // namespace qwen35

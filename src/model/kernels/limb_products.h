@@ -1,32 +1,51 @@
-// Products of one token with K-quant weights in integers, for the tier that has dot products of
+// Products of one token with K-quant weights in integers, for the tiers that have dot products of
 // bytes. An input becomes a whole number of 32 bits times a power of two that its sub-block has in
 // common, and is cut into four limbs of eight bits. What codes and limbs give is exact:
 //
 //   row . x = sum over blocks of  scales * units . (codes . limbs)  -  minimums . sums
 //
-// Sixteen times four codes fill a register. A lane of it belongs to one sub-block, the same one in
-// all registers of a block, so that a block has a single pair of sums: of the upper two limbs and
-// of the lower two.
+// Four times as many codes as a register has lanes fill it. A lane of it belongs to one sub-block,
+// the same one in all registers of a group, so that a group has a single pair of sums: of the upper
+// two limbs and of the lower two.
 //
 // A block whose inputs differ too much in magnitude for that, or are not finite, is left to the
-// AVX-512 tier's own kernel, in floats.
+// tier's own kernel, in floats.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
+//
+//   struct Limbs {                            // the registers of a tier
+//     using Float = ..., Int = ...;           // of 32-bit lanes
+//     static constexpr size_t kWidth;         // lanes of a register
+//     static constexpr size_t kRowsAtOnce;
+//     static constexpr size_t kAhead;         // bytes beyond the next rows' that are asked for
+//     static constexpr size_t kFirstUnit;     // 0 or 8: where the form for floats has zeros
+//     static const KernelTable& floats();     // the tier's kernels for the blocks left to them
+//     static Float load(at), each(value), add(a, b), sub(a, b), mul(a, b), abs(a);
+//     static bool anyGreater(Float a, Float b);
+//     static float total(Float v);            // sum of the lanes, in a fixed order
+//     static Int round(Float v);              // to the nearest whole number
+//     static Float toFloat(Int v);
+//     static Int loadInts(at), eachByte(value), dot(Int sums, Int codes, Int limbs);
+//     static void store(int32_t* at, Int v);
+//     // From where the sums of a group and a pair of limbs start, given the sums of each limb that
+//     // are to be taken off them.
+//     static void storeStart(LimbBlock& block, size_t group, size_t pair, Int first, Int second);
+//     template <typename Codes, size_t kRows> class Rows;  // sums of products of kRows rows:
+//       template <int kLevel> void add(const uint8_t* rows, size_t rowBytes, const LimbBlock& x,
+//                                      const uint8_t* next);  // asks for kRows blocks at `next`
+//       float product(size_t r) const;
+//   };
 //
 //   struct Codes {                            // of one type
 //     static constexpr size_t kType;          // kiv::QuantType
 //     static constexpr size_t kBytes;         // of a block in the file
 //     static constexpr size_t kSubBlocks;     // 8, which have minimums as well, or 16
+//     static constexpr size_t kGroups;        // of equal numbers of registers
 //     static constexpr int kCentre;           // the code of zero
 //     static constexpr bool kShortRowsNear;   // asked for into the first-level cache
 //     static constexpr size_t element(size_t i, size_t lane);  // first of four in a row
 //     static constexpr float factor(size_t subBlock);          // what its codes are multiplied by
-//     static void load(const uint8_t* block, __m512i (&codes)[kCodeRegisters]);
-//     struct Heads;                           // scales and minimums of up to four rows:
-//       template <size_t kRows> void decode(const uint8_t* block, size_t rowBytes, x);
-//       __m512 scales(size_t r) const;        // of the last block, times the units
-//       float minimums(size_t r) const;       // times the sums, of all blocks
 //   };
 #pragma once
 
@@ -41,38 +60,36 @@ namespace qwen35 {
 namespace {
 
 constexpr size_t kBlockElements = 256;
-constexpr size_t kCodeRegisters = 4;  // of a block
 constexpr size_t kLimbs = 4;
-constexpr size_t kHeadRows = 4;  // whose scales are decoded together
 
-// The inputs of a block in arranged form. Where they don't fit into limbs, it has what the AVX-512
-// tier makes of them instead, which has zeros for units.
+// The inputs of a block in arranged form. Where they don't fit into limbs, it has what the tier
+// makes of them instead, which has zeros for some units.
 struct LimbBlock {
-  int8_t limbs[kLimbs][kCodeRegisters][64];  // the most significant first
-  // Of each sub-block, times 2^16; with eight of them, minus the sums of their inputs behind.
+  int8_t limbs[kLimbs][kBlockElements];  // the most significant first
+  // Of each sub-block, times 2^16; with eight of them also minus the sums of their inputs, in the
+  // half that Limbs::kFirstUnit leaves.
   float units[16];
-  // What the sums of a pair of limbs start from so that codes count from their centre: the number,
-  // and in the highest byte what comes in when it is shifted.
-  int32_t centre[2][2][16];
-
-  bool isFloats() const { return units[0] == 0; }
+  int32_t starts[64];  // of sums, so that codes count from their centre
 };
 static_assert(sizeof(LimbBlock) == kArrangedBlock * sizeof(float));
 
-inline __m512i loadInts(const void* at) { return _mm512_loadu_si512(at); }
+template <typename Limbs>
+bool isFloats(const LimbBlock& block) {
+  return block.units[Limbs::kFirstUnit] == 0;
+}
 
-template <typename Codes>
+template <typename Limbs, typename Codes>
 class LimbInputs {
  public:
   static void arrange(const float* x, size_t cols, float* out) {
     for (; cols >= kBlockElements; cols -= kBlockElements) {
       auto& block = *reinterpret_cast<LimbBlock*>(out);
-      alignas(64) int32_t limbs[kBlockElements];  // four to a lane, as signed bytes
+      int32_t limbs[kBlockElements];  // four to a lane, as signed bytes
       if (split(x, limbs, block)) {
         spread(limbs, block);
         if constexpr (Codes::kCentre != 0) centre(block);
       } else {
-        kAvx512Kernels.arrange[Codes::kType](x, kBlockElements, out);
+        Limbs::floats().arrange[Codes::kType](x, kBlockElements, out);
       }
       x += kBlockElements;
       out += kArrangedBlock;
@@ -80,54 +97,80 @@ class LimbInputs {
   }
 
  private:
+  using Float = typename Limbs::Float;
+  using Int = typename Limbs::Int;
+
   static constexpr size_t kPart = kBlockElements / Codes::kSubBlocks;
+  static constexpr size_t kRegisters = kBlockElements / 4 / Limbs::kWidth;
+  static constexpr size_t kPerGroup = kRegisters / Codes::kGroups;
+  static_assert(kRegisters % Codes::kGroups == 0);
+  static constexpr size_t kUnits = Codes::kSubBlocks == 8 ? Limbs::kFirstUnit : 0;
+  static constexpr size_t kSums = 8 - kUnits;
 
   // False where 32 bits would not leave every input sixteen significant ones.
   static bool split(const float* x, int32_t* limbs, LimbBlock& out) {
     for (size_t s = 0; s < Codes::kSubBlocks; ++s, x += kPart, limbs += kPart) {
       float perUnit;
-      if (!findUnit(x, perUnit, out.units[s])) return false;
-      out.units[s] /= Codes::factor(s);
-      __m512 sum = _mm512_setzero_ps();
-      for (size_t i = 0; i < kPart; i += 16) {
-        const __m512 input = _mm512_loadu_ps(x + i);
-        const __m512 scaled = _mm512_mul_ps(input, _mm512_set1_ps(perUnit));
-        const __m512i whole = _mm512_cvtps_epi32(scaled);
-        const __m512 error = _mm512_abs_ps(_mm512_sub_ps(_mm512_cvtepi32_ps(whole), scaled));
-        const __m512 bound = _mm512_mul_ps(_mm512_abs_ps(scaled), _mm512_set1_ps(0x1p-16f));
-        if (_mm512_cmp_ps_mask(error, bound, _CMP_GT_OQ) != 0) return false;
-        // Every byte but the highest is made signed, at the expense of the one above.
-        const __m512i half = _mm512_set1_epi32(0x00808080);
-        _mm512_storeu_si512(limbs + i, _mm512_xor_si512(_mm512_add_epi32(whole, half), half));
-        sum = _mm512_add_ps(sum, input);
+      float unit;
+      if (!findUnit(x, perUnit, unit) || !toWhole(x, perUnit, limbs)) return false;
+      // Every byte but the highest is made signed, at the expense of the one above.
+      constexpr uint32_t kHalf = 0x00808080;
+      for (size_t i = 0; i < kPart; ++i) {
+        limbs[i] = static_cast<int32_t>((static_cast<uint32_t>(limbs[i]) + kHalf) ^ kHalf);
       }
-      if constexpr (Codes::kSubBlocks == 8) out.units[8 + s] = -_mm512_reduce_add_ps(sum);
+      out.units[kUnits + s] = unit / Codes::factor(s);
+      if constexpr (Codes::kSubBlocks == 8) out.units[kSums + s] = -sum(x);
     }
     return true;
+  }
+
+  static bool toWhole(const float* x, float perUnit, int32_t* out) {
+    for (size_t i = 0; i < kPart; i += Limbs::kWidth) {
+      const Float scaled = Limbs::mul(Limbs::load(x + i), Limbs::each(perUnit));
+      const Int whole = Limbs::round(scaled);
+      const Float error = Limbs::abs(Limbs::sub(Limbs::toFloat(whole), scaled));
+      const Float bound = Limbs::mul(Limbs::abs(scaled), Limbs::each(0x1p-16f));
+      if (Limbs::anyGreater(error, bound)) return false;
+      Limbs::store(out + i, whole);
+    }
+    return true;
+  }
+
+  static float sum(const float* x) {
+    Float sum = Limbs::load(x);
+    for (size_t i = Limbs::kWidth; i < kPart; i += Limbs::kWidth) {
+      sum = Limbs::add(sum, Limbs::load(x + i));
+    }
+    return Limbs::total(sum);
   }
 
   // A power of two that leaves the largest of the inputs 30 or 31 bits and a sign; false where
   // floats could not hold what comes of it.
   static bool findUnit(const float* x, float& perUnit, float& unit) {
-    __m512 top = _mm512_setzero_ps();
-    for (size_t i = 0; i < kPart; i += 16) {
-      const __m512 magnitude = _mm512_abs_ps(_mm512_loadu_ps(x + i));
-      // Not a number, too.
-      if (_mm512_cmp_ps_mask(magnitude, _mm512_set1_ps(0x1p60f), _CMP_NLT_UQ) != 0) return false;
-      top = _mm512_max_ps(top, magnitude);
-    }
-    const float most = _mm512_reduce_max_ps(top);
+    constexpr uint32_t kLeast = uint32_t{127 - 60} << 23;
+    constexpr uint32_t kTooMuch = uint32_t{127 + 60} << 23;  // bits of not a number are beyond
+    const uint32_t most = largest(x);
     perUnit = 0;
     unit = 1;
     if (most == 0) return true;
-    if (most < 0x1p-60f) return false;
-    uint32_t bits;
-    __builtin_memcpy(&bits, &most, sizeof bits);
+    if (most < kLeast || most >= kTooMuch) return false;
     // Beyond 0x7f7f7f7f units, 24 bits of which are 0x7f7f7f, the highest byte would overflow.
-    const uint32_t exponent = (bits >> 23) + ((bits & 0x7fffff) > 0x7efefe ? 1 : 0);
+    const uint32_t exponent = (most >> 23) + ((most & 0x7fffff) > 0x7efefe ? 1 : 0);
     perUnit = powerOfTwo(30 - static_cast<int>(exponent - 127));
     unit = powerOfTwo(static_cast<int>(exponent - 127) - 30 + 16);
     return true;
+  }
+
+  // The bits of the largest magnitude, which are in the order of magnitudes.
+  static uint32_t largest(const float* x) {
+    uint32_t bits[kPart];
+    __builtin_memcpy(bits, x, sizeof bits);
+    uint32_t most = 0;
+    for (const uint32_t b : bits) {
+      const uint32_t magnitude = b & 0x7fffffff;
+      most = magnitude > most ? magnitude : most;
+    }
+    return most;
   }
 
   static float powerOfTwo(int exponent) {
@@ -137,41 +180,52 @@ class LimbInputs {
     return power;
   }
 
+  // Four lanes at a time.
   static void spread(const int32_t* limbs, LimbBlock& out) {
     const __m128i byLimb = _mm_setr_epi8(3, 7, 11, 15, 2, 6, 10, 14, 1, 5, 9, 13, 0, 4, 8, 12);
-    for (size_t i = 0; i < kCodeRegisters; ++i) {
-      for (size_t lane = 0; lane < 16; ++lane) {
-        const int32_t* from = limbs + Codes::element(i, lane);
+    for (size_t at = 0; at < kBlockElements; at += 16) {
+      __m128i lanes[4];
+      for (size_t l = 0; l < 4; ++l) {
+        const size_t lane = at / 4 + l;
+        const int32_t* from = limbs + Codes::element(lane / Limbs::kWidth, lane % Limbs::kWidth);
         const __m128i four = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from));
-        alignas(16) int32_t parts[kLimbs];
-        _mm_store_si128(reinterpret_cast<__m128i*>(parts), _mm_shuffle_epi8(four, byLimb));
-        for (size_t l = 0; l < kLimbs; ++l) {
-          __builtin_memcpy(out.limbs[l][i] + 4 * lane, &parts[l], sizeof parts[l]);
-        }
+        lanes[l] = _mm_shuffle_epi8(four, byLimb);
       }
+      const __m128i upper0 = _mm_unpacklo_epi32(lanes[0], lanes[1]);
+      const __m128i upper1 = _mm_unpacklo_epi32(lanes[2], lanes[3]);
+      const __m128i lower0 = _mm_unpackhi_epi32(lanes[0], lanes[1]);
+      const __m128i lower1 = _mm_unpackhi_epi32(lanes[2], lanes[3]);
+      store(out.limbs[0] + at, _mm_unpacklo_epi64(upper0, upper1));
+      store(out.limbs[1] + at, _mm_unpackhi_epi64(upper0, upper1));
+      store(out.limbs[2] + at, _mm_unpacklo_epi64(lower0, lower1));
+      store(out.limbs[3] + at, _mm_unpackhi_epi64(lower0, lower1));
     }
   }
 
+  static void store(int8_t* at, __m128i bytes) {
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(at), bytes);
+  }
+
   static void centre(LimbBlock& out) {
-    const __m512i codes = _mm512_set1_epi8(Codes::kCentre);
-    for (size_t pair = 0; pair < 2; ++pair) {
-      __m512i sums[2] = {_mm512_setzero_si512(), _mm512_setzero_si512()};
-      for (size_t i = 0; i < kCodeRegisters; ++i) {
-        for (size_t l = 0; l < 2; ++l) {
-          sums[l] = _mm512_dpbusd_epi32(sums[l], codes, loadInts(out.limbs[2 * pair + l][i]));
+    const Int codes = Limbs::eachByte(Codes::kCentre);
+    for (size_t g = 0; g < Codes::kGroups; ++g) {
+      for (size_t pair = 0; pair < 2; ++pair) {
+        Int sums[2] = {};
+        for (size_t i = g * kPerGroup; i < (g + 1) * kPerGroup; ++i) {
+          for (size_t l = 0; l < 2; ++l) {
+            const Int limbs = Limbs::loadInts(out.limbs[2 * pair + l] + 4 * Limbs::kWidth * i);
+            sums[l] = Limbs::dot(sums[l], codes, limbs);
+          }
         }
+        Limbs::storeStart(out, g, pair, sums[0], sums[1]);
       }
-      const __m512i all = _mm512_add_epi32(_mm512_slli_epi32(sums[0], 8), sums[1]);
-      const __m512i start = _mm512_sub_epi32(_mm512_setzero_si512(), all);
-      _mm512_storeu_si512(out.centre[pair][0], _mm512_srai_epi32(start, 8));
-      _mm512_storeu_si512(out.centre[pair][1], _mm512_slli_epi32(start, 24));
     }
   }
 };
 
 // As prefetchPart of model/kernels/prefetch.h, between integers.
-template <int kLevel, size_t kBytes, size_t kSteps>
-[[gnu::always_inline]] inline void prefetchStep(const uint8_t* at, size_t step, __m512i& work) {
+template <int kLevel, size_t kBytes, size_t kSteps, typename Int>
+[[gnu::always_inline]] inline void prefetchStep(const uint8_t* at, size_t step, Int& work) {
   constexpr size_t kLines = (kBytes + 63) / 64;
   for (size_t line = kLines * step / kSteps; line < kLines * (step + 1) / kSteps; ++line) {
     if constexpr (kLevel == 3) {
@@ -183,35 +237,34 @@ template <int kLevel, size_t kBytes, size_t kSteps>
   }
 }
 
-template <typename Codes>
+template <typename Limbs, typename Codes>
 class LimbProducts {
  public:
   static void gemv(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                    const float* x, float* y) {
-    if (Codes::kShortRowsNear && kRowsAtOnce * rowBytes <= kNearBytes) {
+    if (Codes::kShortRowsNear && rowBytes <= kNearBytes) {
       dotGroups<3>(rows, rowBytes, rowCount, cols, x, y);
     } else {
       dotGroups<2>(rows, rowBytes, rowCount, cols, x, y);
     }
     for (; cols >= kBlockElements; cols -= kBlockElements, x += kArrangedBlock) {
-      if (reinterpret_cast<const LimbBlock*>(x)->isFloats()) {
-        kAvx512Kernels.gemv[Codes::kType](rows, rowBytes, rowCount, kBlockElements, x, y);
+      if (isFloats<Limbs>(*reinterpret_cast<const LimbBlock*>(x))) {
+        Limbs::floats().gemv[Codes::kType](rows, rowBytes, rowCount, kBlockElements, x, y);
       }
       rows += Codes::kBytes;
     }
   }
 
  private:
-  static constexpr size_t kRowsAtOnce = 4;
-  static constexpr size_t kNearBytes = 16 * 1024;
-  static constexpr size_t kAhead = 4096;  // bytes beyond the next rows' that are asked for
+  static constexpr size_t kNearBytes = 4096;
 
   template <int kLevel>
   static void dotGroups(const uint8_t* rows, size_t rowBytes, size_t rowCount, size_t cols,
                         const float* x, float* y) {
+    constexpr size_t kRows = Limbs::kRowsAtOnce;
     size_t r = 0;
-    for (; r + kRowsAtOnce <= rowCount; r += kRowsAtOnce) {
-      dotRows<kRowsAtOnce, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+    for (; r + kRows <= rowCount; r += kRows) {
+      dotRows<kRows, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
     }
     for (; r < rowCount; ++r) dotRows<1, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
   }
@@ -219,83 +272,26 @@ class LimbProducts {
   // y[r] += row r . x for kRows rows that share every load of x, but for the blocks in floats.
   template <size_t kRows, int kLevel>
   static void dotRows(const uint8_t* rows, size_t rowBytes, size_t cols, const float* x, float* y) {
-    __m512 upper[kRows];
-    __m512 lower[kRows];
-#pragma GCC unroll 4
-    for (size_t r = 0; r < kRows; ++r) upper[r] = lower[r] = _mm512_setzero_ps();
-    typename Codes::Heads heads;
-    const uint8_t* next = rows + kRows * rowBytes + kAhead;
+    typename Limbs::template Rows<Codes, kRows> sums;
+    const uint8_t* next = rows + kRows * rowBytes + Limbs::kAhead;
     for (; cols >= kBlockElements; cols -= kBlockElements, x += kArrangedBlock) {
       const auto& block = *reinterpret_cast<const LimbBlock*>(x);
-      if (!block.isFloats()) [[likely]] {
-        heads.template decode<kRows>(rows, rowBytes, block);
-        __m512i sums[kRows][2];
-        dot<kRows, kLevel>(rows, rowBytes, block, next, sums);
-#pragma GCC unroll 4
-        for (size_t r = 0; r < kRows; ++r) {
-          const __m512 scales = heads.scales(r);
-          upper[r] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(sums[r][0]), scales, upper[r]);
-          lower[r] = _mm512_fmadd_ps(_mm512_cvtepi32_ps(sums[r][1]), scales, lower[r]);
-        }
+      if (!isFloats<Limbs>(block)) [[likely]] {
+        sums.template add<kLevel>(rows, rowBytes, block, next);
       }
       rows += Codes::kBytes;
       next += kRows * Codes::kBytes;
     }
 #pragma GCC unroll 4
-    for (size_t r = 0; r < kRows; ++r) {
-      const __m512 all = _mm512_fmadd_ps(lower[r], _mm512_set1_ps(0x1p-16f), upper[r]);
-      y[r] += _mm512_reduce_add_ps(all) + heads.minimums(r);
-    }
-  }
-
-  // Sums of the products of each row's codes with pairs of limbs, the first of a pair times 256: of
-  // the upper two and the lower two. Taking turns keeps 2 * kRows chains of sums going.
-  template <size_t kRows, int kLevel>
-  [[gnu::always_inline]] static void dot(const uint8_t* rows, size_t rowBytes, const LimbBlock& x,
-                                         const uint8_t* next, __m512i (&sums)[kRows][2]) {
-    __m512i codes[kRows][kCodeRegisters];
-#pragma GCC unroll 4
-    for (size_t r = 0; r < kRows; ++r) {
-      Codes::load(rows + r * rowBytes, codes[r]);
-      for (size_t pair = 0; pair < 2; ++pair) {
-        sums[r][pair] = Codes::kCentre == 0 ? _mm512_setzero_si512() : loadInts(x.centre[pair][0]);
-      }
-    }
-    addLimbs<kRows, kLevel>(codes, x, 0, next, sums);
-#pragma GCC unroll 4
-    for (size_t r = 0; r < kRows; ++r) {
-      for (size_t pair = 0; pair < 2; ++pair) {
-        if constexpr (Codes::kCentre == 0) {
-          sums[r][pair] = _mm512_slli_epi32(sums[r][pair], 8);
-        } else {
-          sums[r][pair] = _mm512_shldi_epi32(sums[r][pair], loadInts(x.centre[pair][1]), 8);
-        }
-      }
-    }
-    addLimbs<kRows, kLevel>(codes, x, 1, next, sums);
-  }
-
-  template <size_t kRows, int kLevel>
-  [[gnu::always_inline]] static void addLimbs(const __m512i (&codes)[kRows][kCodeRegisters],
-                                              const LimbBlock& x, size_t limb, const uint8_t* next,
-                                              __m512i (&sums)[kRows][2]) {
-#pragma GCC unroll 4
-    for (size_t i = 0; i < kCodeRegisters; ++i) {
-#pragma GCC unroll 2
-      for (size_t pair = 0; pair < 2; ++pair) {
-        __m512i limbs = loadInts(x.limbs[2 * pair + limb][i]);
-        __asm__("" : "+v"(limbs));  // loaded once for all rows
-#pragma GCC unroll 4
-        for (size_t r = 0; r < kRows; ++r) {
-          sums[r][pair] = _mm512_dpbusd_epi32(sums[r][pair], codes[r][i], limbs);
-        }
-        constexpr size_t kSteps = 2 * 2 * kCodeRegisters;
-        prefetchStep<kLevel, kRows * Codes::kBytes, kSteps>(next, 8 * limb + 2 * i + pair,
-                                                            sums[0][pair]);
-      }
-    }
+    for (size_t r = 0; r < kRows; ++r) y[r] += sums.product(r);
   }
 };
+
+template <typename Limbs, typename Codes>
+void useLimbs(KernelTable& table) {
+  table.gemv[Codes::kType] = LimbProducts<Limbs, Codes>::gemv;
+  table.arrange[Codes::kType] = LimbInputs<Limbs, Codes>::arrange;
+}
 
 }  // namespace
 }  // namespace qwen35
