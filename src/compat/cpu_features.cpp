@@ -33,22 +33,25 @@ uint32_t detect() {
   constexpr uint32_t kAvx2 = 1u << 5;                                              // leaf 7, ebx
   constexpr uint32_t kAvx512 = (1u << 16) | (1u << 17) | (1u << 30) | (1u << 31);  // F DQ BW VL
   constexpr uint32_t kLimbs = (1u << 1) | (1u << 6) | (1u << 8) | (1u << 11);      // leaf 7, ecx
-  constexpr uint32_t kAmx = (1u << 22) | (1u << 24);  // leaf 7, edx: BF16, TILE
-  constexpr uint32_t kBf16 = 1u << 5;                 // leaf 7.1, eax
+  constexpr uint32_t kGfni = 1u << 8;                                              // leaf 7, ecx
+  constexpr uint32_t kAmx = (1u << 22) | (1u << 24);       // leaf 7, edx: BF16, TILE
+  constexpr uint32_t kAvxVnni = 1u << 4, kBf16 = 1u << 5;  // leaf 7.1, eax
   constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE6, kTileState = 0x60000;  // XCR0
 
   const Registers one = cpuid(1, 0);
   if (!hasAll(one.ecx, kOsxsave)) return 0;
   const uint64_t states = enabledStates();
   const Registers seven = cpuid(7, 0);
+  const Registers sevenOne = cpuid(7, 1);
 
   uint32_t features = 0;
   if (hasAll(one.ecx, kFma | kF16c) && hasAll(seven.ebx, kAvx2) && hasAll(states, kYmmState)) {
     features |= kCpuAvx2;
+    if (hasAll(sevenOne.eax, kAvxVnni) && hasAll(seven.ecx, kGfni)) features |= kCpuAvx2Limbs;
     if (hasAll(seven.ebx, kAvx512) && hasAll(states, kZmmState)) {
       features |= kCpuAvx512;
       if (hasAll(seven.ecx, kLimbs)) features |= kCpuAvx512Limbs;
-      if (hasAll(seven.edx, kAmx) && hasAll(cpuid(7, 1).eax, kBf16) && hasAll(states, kTileState)) {
+      if (hasAll(seven.edx, kAmx) && hasAll(sevenOne.eax, kBf16) && hasAll(states, kTileState)) {
         features |= kCpuAmx;
       }
     }

@@ -11,6 +11,7 @@ enum CpuFeature : uint32_t {
   kCpuAvx2 = 1u << 0,         // AVX2, FMA and F16C
   kCpuAvx512 = 1u << 1,       // AVX-512 F, BW, VL and DQ
   kCpuAvx512Limbs = 1u << 3,  // kCpuAvx512 and AVX-512 VNNI, VBMI, VBMI2 and GFNI
+  kCpuAvx2Limbs = 1u << 4,    // kCpuAvx2, AVX-VNNI and GFNI
   kCpuAmx = 1u << 2,          // AMX tiles of BF16, AVX-512 BF16; usable after requestTiles()
 };
 

@@ -22,17 +22,18 @@ class TierTest : public testing::TestWithParam<const qwen35::KernelTable*> {
   const qwen35::KernelTable& kernels() const { return *GetParam(); }
 };
 
-// Every tier, and AVX-512 as it is on CPUs without integer products of bytes.
+// Every tier, and AVX2 and AVX-512 as they are on CPUs without integer products of bytes.
 inline std::vector<const qwen35::KernelTable*> testedKernels() {
   const auto tiers = qwen35::allKernels();
   std::vector<const qwen35::KernelTable*> kernels(tiers.begin(), tiers.end());
+  kernels.push_back(&qwen35::kAvx2Kernels);
   kernels.push_back(&qwen35::kAvx512Kernels);
   return kernels;
 }
 
 inline std::string kernelsName(const qwen35::KernelTable& kernels) {
-  const char* plain = &kernels == &qwen35::kAvx512Kernels ? "_plain" : "";
-  return std::string(kernels.name) + plain;
+  const bool isPlain = &kernels == &qwen35::kAvx2Kernels || &kernels == &qwen35::kAvx512Kernels;
+  return std::string(kernels.name) + (isPlain ? "_plain" : "");
 }
 
 inline std::string tierName(const testing::TestParamInfo<const qwen35::KernelTable*>& info) {

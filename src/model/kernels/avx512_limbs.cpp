@@ -395,7 +395,7 @@ class Limbs::Rows {
 
 }  // namespace
 
-void addLimbKernels(KernelTable& table) {
+void addAvx512LimbKernels(KernelTable& table) {
   useLimbs<Limbs, Q4kLimbs>(table);
   useLimbs<Limbs, Q5kLimbs>(table);
   useLimbs<Limbs, Q6kLimbs>(table);

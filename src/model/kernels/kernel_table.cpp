@@ -7,10 +7,19 @@
 namespace qwen35 {
 namespace {
 
+const KernelTable& avx2Kernels() {
+  static const KernelTable table = [] {
+    KernelTable kernels = kAvx2Kernels;
+    if ((compat::cpuFeatures() & compat::kCpuAvx2Limbs) != 0) addAvx2LimbKernels(kernels);
+    return kernels;
+  }();
+  return table;
+}
+
 const KernelTable& avx512Kernels() {
   static const KernelTable table = [] {
     KernelTable kernels = kAvx512Kernels;
-    if ((compat::cpuFeatures() & compat::kCpuAvx512Limbs) != 0) addLimbKernels(kernels);
+    if ((compat::cpuFeatures() & compat::kCpuAvx512Limbs) != 0) addAvx512LimbKernels(kernels);
     return kernels;
   }();
   return table;
@@ -32,7 +41,7 @@ const KernelTable& tileKernels() {
 std::span<const KernelTable* const> allKernels() {
   static const KernelTable* const tiers[] = {
       &kScalarKernels,
-      &kAvx2Kernels,
+      &avx2Kernels(),
       &avx512Kernels(),
 #ifdef ORB_TILES
       &tileKernels(),

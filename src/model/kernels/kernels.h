@@ -133,8 +133,9 @@ extern const KernelTable kScalarKernels;
 extern const KernelTable kAvx2Kernels;
 extern const KernelTable kAvx512Kernels;
 
-// Gives a copy of the AVX-512 tier kernels for CPUs that have kCpuAvx512Limbs as well.
-void addLimbKernels(KernelTable& table);
+// Give a copy of the tier kernels for CPUs that have kCpuAvx2Limbs, or kCpuAvx512Limbs, as well.
+void addAvx2LimbKernels(KernelTable& table);
+void addAvx512LimbKernels(KernelTable& table);
 
 // Makes a copy of the AVX-512 tier the AMX one (Linux only).
 void addTileKernels(KernelTable& table);
