@@ -12,6 +12,7 @@
 
 namespace {
 
+using orbtest::Kernels;
 using orbtest::TierTest;
 using qwen35::AttentionPart;
 using qwen35::AttentionRun;
@@ -67,13 +68,17 @@ class StackAlignmentTest : public TierTest {
       rows.insert(rows.end(), row.begin(), row.end());
     }
     const size_t rowBytes = rows.size() / kRows;
+    const size_t width = orbtest::arrangedWidth(table, kind, kCols);
+    std::vector<float> x(qwen35::kTokenGroup * width);
+    orbtest::arrange(table, kind, Kernels::OneToken, in(0), 0, kCols, 1, x.data(), width);
     std::vector<float> y(kRows);
-    table.gemv[type](rows.data(), rowBytes, kRows, kCols, in(0), y.data());
+    table.gemv[type](rows.data(), rowBytes, kRows, kCols, x.data(), y.data());
     all.insert(all.end(), y.begin(), y.end());
     std::vector<float> batch(kRows * kTokens);
     alignas(64) static float scratch[qwen35::kBatchScratch];
+    orbtest::arrange(table, kind, Kernels::Batch, in(0), kCols, kCols, kTokens, x.data(), width);
     table.gemm[type](rows.data(), rowBytes, kRows, kCols,
-                     Batch{in(0), kCols, batch.data(), kRows, kTokens, scratch});
+                     Batch{x.data(), width, batch.data(), kRows, kTokens, scratch});
     all.insert(all.end(), batch.begin(), batch.end());
   }
 

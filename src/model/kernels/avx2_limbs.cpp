@@ -35,8 +35,8 @@ struct Limbs {
   static Float sub(Float a, Float b) { return _mm256_sub_ps(a, b); }
   static Float mul(Float a, Float b) { return _mm256_mul_ps(a, b); }
   static Float abs(Float a) { return _mm256_andnot_ps(each(-0.0f), a); }
-  static bool anyGreater(Float a, Float b) {
-    return _mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GT_OQ)) != 0;
+  static uint32_t greater(Float a, Float b) {
+    return static_cast<uint32_t>(_mm256_movemask_ps(_mm256_cmp_ps(a, b, _CMP_GT_OQ)));
   }
   static float total(Float v) {
     __m128 s = _mm_add_ps(_mm256_castps256_ps128(v), _mm256_extractf128_ps(v, 1));
@@ -244,13 +244,9 @@ struct ChunkNibbles {
   }
 };
 
-struct Q4kLimbs {
-  static constexpr size_t kType = 5;
-  static constexpr size_t kBytes = 144;
-  static constexpr size_t kSubBlocks = 8;
+struct Q4kLimbs : Q4kBlock {
   static constexpr size_t kGroups = 1;
   static constexpr size_t kPartCodes = 4;
-  static constexpr int kCentre = 0;
   static constexpr bool kShortRowsNear = true;
 
   // Low nibbles in even lanes, high ones, 16 times their codes, in odd lanes. Of every two lanes
@@ -289,13 +285,9 @@ inline __m256i highNibbles(__m256i bytes) {
 }
 
 // Group 0 has the even sub-blocks, group 1 the odd ones, two lanes each.
-struct Q5kLimbs {
-  static constexpr size_t kType = 6;
-  static constexpr size_t kBytes = 176;
-  static constexpr size_t kSubBlocks = 8;
+struct Q5kLimbs : Q5kBlock {
   static constexpr size_t kGroups = 2;
   static constexpr size_t kPartCodes = 2;
-  static constexpr int kCentre = 0;
   static constexpr bool kShortRowsNear = true;
 
   static constexpr size_t element(size_t i, size_t lane) {
@@ -332,13 +324,9 @@ struct Q5kLimbs {
 
 // Group 0 has sub-blocks 0-3 and 8-11, whose lower bits are low nibbles, group 1 the others;
 // register i of a group has codes 4i to 4i + 3 of each.
-struct Q6kLimbs {
-  static constexpr size_t kType = 7;
-  static constexpr size_t kBytes = 210;
-  static constexpr size_t kSubBlocks = 16;
+struct Q6kLimbs : Q6kBlock {
   static constexpr size_t kGroups = 2;
   static constexpr size_t kPartCodes = 4;
-  static constexpr int kCentre = 32;
   static constexpr bool kShortRowsNear = true;
 
   static constexpr size_t element(size_t i, size_t lane) {

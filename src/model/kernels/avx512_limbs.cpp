@@ -31,7 +31,7 @@ struct Limbs {
   static Float sub(Float a, Float b) { return _mm512_sub_ps(a, b); }
   static Float mul(Float a, Float b) { return _mm512_mul_ps(a, b); }
   static Float abs(Float a) { return _mm512_abs_ps(a); }
-  static bool anyGreater(Float a, Float b) { return _mm512_cmp_ps_mask(a, b, _CMP_GT_OQ) != 0; }
+  static uint32_t greater(Float a, Float b) { return _mm512_cmp_ps_mask(a, b, _CMP_GT_OQ); }
   static float total(Float v) { return _mm512_reduce_add_ps(v); }
 
   static Int round(Float v) { return _mm512_cvtps_epi32(v); }
@@ -152,12 +152,8 @@ struct PairedNibbles {
   }
 };
 
-struct Q4kLimbs {
-  static constexpr size_t kType = 5;
-  static constexpr size_t kBytes = 144;
-  static constexpr size_t kSubBlocks = 8;
+struct Q4kLimbs : Q4kBlock {
   static constexpr size_t kGroups = 1;
-  static constexpr int kCentre = 0;
   static constexpr bool kShortRowsNear = false;
   using Heads = SubBlockHeads;
 
@@ -197,12 +193,8 @@ inline __m512i highWith(__m512i nibbles, __m512i above) {
   return lowWith(_mm512_srli_epi32(nibbles, 4), above);
 }
 
-struct Q5kLimbs {
-  static constexpr size_t kType = 6;
-  static constexpr size_t kBytes = 176;
-  static constexpr size_t kSubBlocks = 8;
+struct Q5kLimbs : Q5kBlock {
   static constexpr size_t kGroups = 1;
-  static constexpr int kCentre = 0;
   static constexpr bool kShortRowsNear = false;
   using Heads = SubBlockHeads;
 
@@ -234,12 +226,8 @@ struct Q5kLimbs {
 };
 
 // Lane s belongs to sub-block s; register i has its codes 4i to 4i + 3.
-struct Q6kLimbs {
-  static constexpr size_t kType = 7;
-  static constexpr size_t kBytes = 210;
-  static constexpr size_t kSubBlocks = 16;
+struct Q6kLimbs : Q6kBlock {
   static constexpr size_t kGroups = 1;
-  static constexpr int kCentre = 32;
   static constexpr bool kShortRowsNear = true;
 
   struct Heads {

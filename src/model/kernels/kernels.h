@@ -24,7 +24,7 @@ namespace qwen35 {
 // of the type's block, does not depend on those after them.
 using ArrangeKernel = void (*)(const float* x, size_t cols, float* out);
 
-inline constexpr size_t kArrangedBlock = 256 + 16 + 64;
+inline constexpr size_t kArrangedBlock = 256 + 16 + 64 + 16;
 
 // The same for a group of 1 to kTokenGroup tokens of a batch, token t at x + t * xStride. The form
 // mingles them: `out` has room for a whole group, kTokenGroup times what one token takes.

@@ -8,8 +8,9 @@
 // the same one in all registers of a group, so that a group has a single pair of sums: of the upper
 // two limbs and of the lower two.
 //
-// A block whose inputs differ too much in magnitude for that, or are not finite, is left to the
-// tier's own kernel, in floats.
+// An input that is far smaller than the largest of its sub-block would keep too few of its bits: it
+// is taken by itself, in floats. A block with many of those, or with inputs that are not finite, is
+// left to the tier's own kernel.
 //
 // Included by tier sources only. Everything is in an unnamed namespace: no function compiled here
 // may be shared with another translation unit.
@@ -22,7 +23,7 @@
 //     static constexpr size_t kFirstUnit;     // 0 or 8: where the form for floats has zeros
 //     static const KernelTable& floats();     // the tier's kernels for the blocks left to them
 //     static Float load(at), each(value), add(a, b), sub(a, b), mul(a, b), abs(a);
-//     static bool anyGreater(Float a, Float b);
+//     static uint32_t greater(Float a, Float b);  // a bit for each lane
 //     static float total(Float v);            // sum of the lanes, in a fixed order
 //     static Int round(Float v);              // to the nearest whole number
 //     static Float toFloat(Int v);
@@ -37,12 +38,8 @@
 //       float product(size_t r) const;
 //   };
 //
-//   struct Codes {                            // of one type
-//     static constexpr size_t kType;          // kiv::QuantType
-//     static constexpr size_t kBytes;         // of a block in the file
-//     static constexpr size_t kSubBlocks;     // 8, which have minimums as well, or 16
+//   struct Codes : Q4kBlock {                 // of one type: a struct of model/kernels/k_blocks.h
 //     static constexpr size_t kGroups;        // of equal numbers of registers
-//     static constexpr int kCentre;           // the code of zero
 //     static constexpr bool kShortRowsNear;   // asked for into the first-level cache
 //     static constexpr size_t element(size_t i, size_t lane);  // first of four in a row
 //     static constexpr float factor(size_t subBlock);          // what its codes are multiplied by
@@ -54,6 +51,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "model/kernels/k_blocks.h"
 #include "model/kernels/kernels.h"
 
 namespace qwen35 {
@@ -61,6 +59,23 @@ namespace {
 
 constexpr size_t kBlockElements = 256;
 constexpr size_t kLimbs = 4;
+
+// Inputs that the limbs of a block have zeros for.
+struct SmallInputs {
+  static constexpr size_t kMost = 12;
+
+  float values[kMost];
+  uint8_t elements[kMost];
+  uint32_t count;
+
+  bool add(size_t element, float value) {
+    if (count == kMost) return false;
+    values[count] = value;
+    elements[count] = static_cast<uint8_t>(element);
+    ++count;
+    return true;
+  }
+};
 
 // The inputs of a block in arranged form. Where they don't fit into limbs, it has what the tier
 // makes of them instead, which has zeros for some units.
@@ -70,6 +85,7 @@ struct LimbBlock {
   // half that Limbs::kFirstUnit leaves.
   float units[16];
   int32_t starts[64];  // of sums, so that codes count from their centre
+  SmallInputs small;
 };
 static_assert(sizeof(LimbBlock) == kArrangedBlock * sizeof(float));
 
@@ -107,12 +123,14 @@ class LimbInputs {
   static constexpr size_t kUnits = Codes::kSubBlocks == 8 ? Limbs::kFirstUnit : 0;
   static constexpr size_t kSums = 8 - kUnits;
 
-  // False where 32 bits would not leave every input sixteen significant ones.
+  // False where 32 bits would leave too few inputs sixteen significant ones.
   static bool split(const float* x, int32_t* limbs, LimbBlock& out) {
+    out.small.count = 0;
     for (size_t s = 0; s < Codes::kSubBlocks; ++s, x += kPart, limbs += kPart) {
       float perUnit;
       float unit;
-      if (!findUnit(x, perUnit, unit) || !toWhole(x, perUnit, limbs)) return false;
+      if (!findUnit(x, perUnit, unit)) return false;
+      if (!toWhole(x, perUnit, limbs, s * kPart, out.small)) return false;
       // Every byte but the highest is made signed, at the expense of the one above.
       constexpr uint32_t kHalf = 0x00808080;
       for (size_t i = 0; i < kPart; ++i) {
@@ -124,14 +142,20 @@ class LimbInputs {
     return true;
   }
 
-  static bool toWhole(const float* x, float perUnit, int32_t* out) {
+  // Whole numbers of units; those of the small inputs are zeros.
+  static bool toWhole(const float* x, float perUnit, int32_t* out, size_t element,
+                      SmallInputs& small) {
     for (size_t i = 0; i < kPart; i += Limbs::kWidth) {
       const Float scaled = Limbs::mul(Limbs::load(x + i), Limbs::each(perUnit));
       const Int whole = Limbs::round(scaled);
       const Float error = Limbs::abs(Limbs::sub(Limbs::toFloat(whole), scaled));
       const Float bound = Limbs::mul(Limbs::abs(scaled), Limbs::each(0x1p-16f));
-      if (Limbs::anyGreater(error, bound)) return false;
       Limbs::store(out + i, whole);
+      for (uint32_t lanes = Limbs::greater(error, bound); lanes != 0; lanes &= lanes - 1) {
+        const size_t lane = i + static_cast<size_t>(__builtin_ctz(lanes));
+        if (!small.add(element + lane, x[lane])) return false;
+        out[lane] = 0;
+      }
     }
     return true;
   }
@@ -248,8 +272,11 @@ class LimbProducts {
       dotGroups<2>(rows, rowBytes, rowCount, cols, x, y);
     }
     for (; cols >= kBlockElements; cols -= kBlockElements, x += kArrangedBlock) {
-      if (isFloats<Limbs>(*reinterpret_cast<const LimbBlock*>(x))) {
+      const auto& block = *reinterpret_cast<const LimbBlock*>(x);
+      if (isFloats<Limbs>(block)) {
         Limbs::floats().gemv[Codes::kType](rows, rowBytes, rowCount, kBlockElements, x, y);
+      } else {
+        addSmall(rows, rowBytes, rowCount, block.small, y);
       }
       rows += Codes::kBytes;
     }
@@ -267,6 +294,17 @@ class LimbProducts {
       dotRows<kRows, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
     }
     for (; r < rowCount; ++r) dotRows<1, kLevel>(rows + r * rowBytes, rowBytes, cols, x, y + r);
+  }
+
+  static void addSmall(const uint8_t* rows, size_t rowBytes, size_t rowCount,
+                       const SmallInputs& small, float* y) {
+    for (size_t i = 0; i < small.count; ++i) {
+      const size_t element = small.elements[i];
+      const float value = small.values[i];
+      for (size_t r = 0; r < rowCount; ++r) {
+        y[r] += value * Codes::scaledCode(rows + r * rowBytes, element);
+      }
+    }
   }
 
   // y[r] += row r . x for kRows rows that share every load of x, but for the blocks in floats.
