@@ -2,9 +2,11 @@
 // and adversarial rows, and the choice of a tier.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <numeric>
 #include <set>
 #include <string>
 #include <tuple>
@@ -13,6 +15,7 @@
 #include "model/guarded_buffer.h"
 #include "model/kernel_tiers.h"
 #include "model/weight_patterns.h"
+#include "quant/k_blocks.h"
 
 namespace {
 
@@ -130,6 +133,19 @@ struct Matrix {
       parts.push_back(partsOf(type, row, cols));
     }
     rowBytes = bytes.size() / rows;
+  }
+  // K-quants of these rows.
+  Matrix(QuantType t, const std::vector<std::vector<float>>& rows)
+      : type(t), cols(rows[0].size()), rowBytes(kiv::quant::quantizedBytes(t, cols)) {
+    const auto quantize = type == QuantType::Q4_K   ? kiv::quant::quantQ4K
+                          : type == QuantType::Q5_K ? kiv::quant::quantQ5K
+                                                    : kiv::quant::quantQ6K;
+    bytes.resize(rows.size() * rowBytes);
+    for (size_t r = 0; r < rows.size(); ++r) {
+      quantize(rows[r].data(), bytes.data() + r * rowBytes, cols);
+      weights.push_back(decodeRow(type, bytes.data() + r * rowBytes, cols));
+    }
+    parts = weights;
   }
   size_t rows() const { return weights.size(); }
 };
@@ -289,6 +305,41 @@ TEST_P(GemvTest, AnInputThatIsNoFiniteNumberIsNotHidden) {
       x[at] = value;
       const std::vector<float> y = product(m.bytes.data(), m.rowBytes, m.rows(), m.cols, x.data());
       for (const float sum : y) EXPECT_FALSE(std::isfinite(sum)) << value << " at " << at;
+    }
+  }
+}
+
+// Every row has weights at two small inputs, none at the large ones.
+void checkSmallInputs(const KernelTable& tier, QuantType type, size_t rows) {
+  std::mt19937 random(12);
+  std::normal_distribution<float> normal;
+  std::uniform_real_distribution<float> weight(0.1f, 1.0f);
+  std::vector<size_t> places(256);
+  std::iota(places.begin(), places.end(), size_t{0});
+  std::shuffle(places.begin(), places.end(), random);
+  std::vector<float> x(512, 1e9f);
+  std::vector<std::vector<float>> values(rows, std::vector<float>(x.size()));
+  for (size_t r = 0; r < rows; ++r) {
+    for (const size_t i : {places[2 * r], places[2 * r + 1]}) {
+      x[256 + i] = 1000 * normal(random);
+      values[r][256 + i] = weight(random);
+    }
+  }
+  const Matrix m(type, values);
+  std::vector<float> y(rows, 0.0f);
+  orbtest::addProduct(tier, type, m.bytes.data(), m.rowBytes, rows, m.cols, x.data(), y.data(),
+                      Kernels::OneToken);
+  for (size_t r = 0; r < rows; ++r) {
+    EXPECT_LE(Expected(m.weights[r], m.parts[r], x).share(y[r]), 1.0)
+        << orbtest::kernelsName(tier) << " " << kiv::quantTypeName(type) << ", row " << r << " of "
+        << rows << ": " << y[r];
+  }
+}
+
+TEST(SmallInputsTest, KeepTheirBitsBesideLargeOnesHoweverManyThereAre) {
+  for (const KernelTable* tier : orbtest::testedKernels()) {
+    for (const QuantType type : {QuantType::Q4_K, QuantType::Q5_K, QuantType::Q6_K}) {
+      for (const size_t rows : {1, 5, 6, 7, 64}) checkSmallInputs(*tier, type, rows);
     }
   }
 }
