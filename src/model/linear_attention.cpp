@@ -16,7 +16,6 @@ constexpr size_t kHeadWidth = 128;
 constexpr size_t kAhead = 2;  // tokens
 constexpr size_t kConvTaps = 4;
 constexpr size_t kConvInputs = kConvTaps - 1;  // that the state remembers
-constexpr size_t kConvChannels = 256;          // convolved together
 
 // Where a step reads and leaves the states of its block: in place for one token, beside them for a
 // batch that may yet be refused.
@@ -34,10 +33,10 @@ States statesFor(Layer& layer, bool isBatch) {
           layer.convState.data(), inPlace ? layer.convState.data() : layer.nextConv.data()};
 }
 
-// Some channels of the convolution.
+// Some channels of the convolution, of one head.
 struct Channels {
   size_t first;
-  size_t count;  // at most kConvChannels
+  size_t count;  // at most kHeadWidth
 };
 
 // Causal depthwise convolution of one token over the rolling state, which takes its input.
@@ -56,7 +55,7 @@ void convolveToken(Workspace& w, const float* weights, float* states, size_t t, 
 }
 
 // The same for a token whose last inputs are those of the batch; the taps are [tap][channel].
-void convolveRows(Workspace& w, const float (*taps)[kConvChannels], size_t t, Channels channels) {
+void convolveRows(Workspace& w, const float (*taps)[kHeadWidth], size_t t, Channels channels) {
   const float* third = w.qkv.row(t - 3) + channels.first;
   const float* second = w.qkv.row(t - 2) + channels.first;
   const float* last = w.qkv.row(t - 1) + channels.first;
@@ -78,7 +77,7 @@ void convolve(Model& model, const Layer& layer, const States& states, size_t tok
   if (states.convOut != states.conv) {
     std::copy_n(states.conv + stateAt, kConvInputs * channels.count, states.convOut + stateAt);
   }
-  float taps[kConvTaps][kConvChannels];
+  float taps[kConvTaps][kHeadWidth];
   for (size_t i = 0; tokens > kConvInputs && i < kConvTaps * channels.count; ++i) {
     taps[i % kConvTaps][i / kConvTaps] = weights[kConvTaps * channels.first + i];
   }
@@ -97,25 +96,18 @@ void convolve(Model& model, const Layer& layer, const States& states, size_t tok
   }
 }
 
-// All four projections of the normalised inputs; the channels of each finished run of rows are
-// convolved at once. Channels without a row see no input and stay zero.
-void project(Model& model, Layer& layer, const States& states, const float* x, size_t tokens) {
+// All four projections of the normalised inputs.
+void project(Model& model, Layer& layer, const float* x, size_t tokens) {
   Workspace& w = model.work;
   const size_t hidden = model.hiddenSize;
   model.team.forEach(tokens, [&](size_t t) {
     rmsNorm(x + t * hidden, floats(layer.attnNorm), w.normed.row(t), hidden, kEpsilon);
   });
-  if (rowCount(*layer.attnQkv) < model.convChannels()) w.conv.clearRows(tokens);
   Product products[] = {{layer.attnQkv, w.normed, w.qkv, tokens},
                         {layer.attnGate, w.normed, w.gate, tokens},
                         {layer.ssmBeta, w.normed, w.beta, tokens},
                         {layer.ssmAlpha, w.normed, w.alpha, tokens}};
-  runProducts(model, products, [&](size_t product, size_t first, size_t last) {
-    if (product != 0) return;
-    for (size_t c = first; c < last; c += kConvChannels) {
-      convolve(model, layer, states, tokens, {c, std::min(kConvChannels, last - c)});
-    }
-  });
+  runProducts(model, products, [](size_t, size_t, size_t) {});
 }
 
 // What the gates of one value head make of its projections.
@@ -215,16 +207,34 @@ void mixHead(Model& model, const Layer& layer, const States& states, size_t toke
   }
 }
 
+// One key head and the value heads that it serves, over all tokens.
+void mixHeads(Model& model, const Layer& layer, const States& states, size_t tokens, size_t keyHead,
+              bool decays, size_t thread) {
+  // Channels without a row in the projection see no input and stay zero.
+  const size_t channels = std::min<size_t>(rowCount(*layer.attnQkv), model.convChannels());
+  const auto convolveHead = [&](size_t at) {
+    if (at >= channels) return;
+    convolve(model, layer, states, tokens, {at, std::min(kHeadWidth, channels - at)});
+  };
+  convolveHead(keyHead * kHeadWidth);
+  convolveHead(model.linearKeyWidth() + keyHead * kHeadWidth);
+  for (size_t h = keyHead; h < model.linearValueHeads; h += model.linearKeyHeads) {
+    convolveHead(2 * model.linearKeyWidth() + h * kHeadWidth);
+    mixHead(model, layer, states, tokens, h, decays, thread);
+  }
+}
+
 }  // namespace
 
 void linearAttention(Model& model, Layer& layer, const float* x, float* out, size_t tokens,
                      size_t blockIndex, size_t pos, Output output) {
   const States states = statesFor(layer, model.work.isBatch);
-  project(model, layer, states, x, tokens);
+  project(model, layer, x, tokens);
+  if (rowCount(*layer.attnQkv) < model.convChannels()) model.work.conv.clearRows(tokens);
   const bool decays = std::getenv("QWEN35_NODECAY") == nullptr;
   // One head's state stays in a core's own cache over the whole batch.
-  model.team.forEach(model.linearValueHeads, [&](size_t h, size_t thread) {
-    mixHead(model, layer, states, tokens, h, decays, thread);
+  model.team.forEach(model.linearKeyHeads, [&](size_t keyHead, size_t thread) {
+    mixHeads(model, layer, states, tokens, keyHead, decays, thread);
   });
   const TokenRows& gated = model.work.gated;
   Product products[] = {{layer.ssmOut, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
