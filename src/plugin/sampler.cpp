@@ -172,6 +172,22 @@ bool anyUpTo(const int16_t* bins, int16_t last) {
   return _mm_movemask_epi8(after) != 0xffff;
 }
 
+// Whether all of a block's bins are the same. Sums of such a block need not go through the bins,
+// where each would wait for the one before.
+bool allEqual(const int16_t* bins) {
+  return std::memcmp(bins, bins + 1, (kBlock - 1) * sizeof *bins) == 0;
+}
+
+double sumOf(const double* weights) {
+  double sums[8] = {};
+  for (size_t j = 0; j < kBlock; j += 8) {
+    for (size_t lane = 0; lane < 8; ++lane) sums[lane] += weights[j + lane];
+  }
+  double sum = 0;
+  for (const double lane : sums) sum += lane;
+  return sum;
+}
+
 }  // namespace
 
 int32_t greedyChoice(const float* logits, size_t count) {
@@ -262,6 +278,10 @@ void Sampler::countBins(const Scores& scores, float best) {
     scoreBlock(scores.logits + first, scores.count - first, scores.factor, block);
     int16_t* const bins = bins_.data() + first;
     weigh(block, best, bins, nullptr);
+    if (allEqual(bins)) {
+      even[bins[0]] += kBlock;
+      continue;
+    }
     for (size_t j = 0; j < kBlock; j += 2) {
       ++even[bins[j]];
       ++odd[bins[j + 1]];
@@ -285,6 +305,10 @@ void Sampler::addWeights(const Scores& scores, float best, int16_t last) {
     if (last < kBins - 1 && !anyUpTo(bins, last)) continue;
     scoreBlock(scores.logits + first, scores.count - first, scores.factor, block);
     weigh(block, best, bins, weights);
+    if (allEqual(bins)) {
+      even[bins[0]] += sumOf(weights);
+      continue;
+    }
     for (size_t j = 0; j < kBlock; j += 2) {
       even[bins[j]] += weights[j];
       odd[bins[j + 1]] += weights[j + 1];
