@@ -44,11 +44,11 @@ void feedForward(Model& model, Layer& layer, const float* x, float* out, size_t 
     multiplyBatch(model, products);
   } else {
     // One token is read from memory, fastest in the order in which it lies there.
-    runProducts(model, products, [](size_t, size_t, size_t) {});
+    runProducts(model, products);
     gate(model, 1, 0, products[0].rows);
   }
   Product down[] = {{layer.ffnDown, w.ffnGate.data(), w.ffnGate.width(), out, hidden, tokens}};
-  runProducts(model, down, [](size_t, size_t, size_t) {});
+  runProducts(model, down);
 }
 
 void ffnStep(Model& model, Layer& layer, const float* x, float* out) {

@@ -62,7 +62,7 @@ void project(Model& model, const Layer& layer, const float* x, size_t tokens) {
   Product products[] = {{layer.attnQ, w.normed, w.qkv, tokens},
                         {layer.attnK, w.normed, w.key, tokens},
                         {layer.attnV, w.normed, w.value, tokens}};
-  runProducts(model, products, [](size_t, size_t, size_t) {});
+  runProducts(model, products);
   addBias(layer.attnQBias, w.qkv, tokens);
   addBias(layer.attnKBias, w.key, tokens);
   addBias(layer.attnVBias, w.value, tokens);
@@ -190,7 +190,7 @@ void fullAttention(Model& model, Layer& layer, const float* x, float* out, size_
   Product products[] = {
       {layer.attnOutput, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
   products[0].adds = output == Output::Add;
-  runProducts(model, products, [](size_t, size_t, size_t) {});
+  runProducts(model, products);
 }
 
 void fullAttnStep(Model& model, Layer& layer, const float* x, float* out, size_t pos,

@@ -107,7 +107,7 @@ void project(Model& model, Layer& layer, const float* x, size_t tokens) {
                         {layer.attnGate, w.normed, w.gate, tokens},
                         {layer.ssmBeta, w.normed, w.beta, tokens},
                         {layer.ssmAlpha, w.normed, w.alpha, tokens}};
-  runProducts(model, products, [](size_t, size_t, size_t) {});
+  runProducts(model, products);
 }
 
 // What the gates of one value head make of its projections.
@@ -239,7 +239,7 @@ void linearAttention(Model& model, Layer& layer, const float* x, float* out, siz
   const TokenRows& gated = model.work.gated;
   Product products[] = {{layer.ssmOut, gated.data(), gated.width(), out, model.hiddenSize, tokens}};
   products[0].adds = output == Output::Add;
-  runProducts(model, products, [](size_t, size_t, size_t) {});
+  runProducts(model, products);
   layer.position += tokens;
   const HeadGates head0 = headGates(model, layer, 0, 0);
   printLinearAttention(model, layer, {blockIndex, pos, head0.beta, head0.decay, out});

@@ -45,6 +45,8 @@ void lookUp(Model& model, Product& product) {
   const auto type = static_cast<QuantType>(W.type);
   product.rows = rowCount(W);
   product.rowBytes = rowStride(type, W.dims[0]);
+  product.step = rowsPerPiece(product.rows, product.rowBytes, model.work.isBatch);
+  product.pieces = (product.rows + product.step - 1) / product.step;
   clear(product, product.rows, product.yStride);
   // A type that no weight may have adds nothing; binding refuses it.
   product.done = product.rowBytes == 0;
@@ -173,10 +175,22 @@ void multiplyRows(Model& model, const Product& product, size_t first, size_t las
                 .adds = product.adds});
 }
 
+void runProducts(Model& model, std::span<Product> products) {
+  prepare(model, products);
+  size_t pieces = 0;
+  for (const Product& product : products) pieces += product.pieces;
+  model.team.forEach(pieces, [&](size_t piece, size_t thread) {
+    const Product* product = products.data();
+    for (; piece >= product->pieces; ++product) piece -= product->pieces;
+    const size_t first = piece * product->step;
+    multiplyRows(model, *product, first, std::min(first + product->step, product->rows), thread);
+  });
+}
+
 void gemvRow(Model& model, const kiv::TensorView* W, const float* x, float* y) {
   Product products[] = {{W, x, 0, y, 0, 1}};
   products[0].adds = true;
-  runProducts(model, products, [](size_t, size_t, size_t) {});
+  runProducts(model, products);
 }
 
 void addProduct(const KernelTable& kernels, QuantType type, const void* rows, size_t count,

@@ -3,7 +3,6 @@
 // count is the product of the other dimensions.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -52,6 +51,8 @@ struct Product {
   bool done = false;  // by the model's hook
   size_t rows = 0;
   size_t rowBytes = 0;
+  size_t step = 0;  // rows of a piece
+  size_t pieces = 0;
   GemvKernel gemv = nullptr;
   GemmKernel gemm = nullptr;
   ArrangeKernel arrange = nullptr;  // of one token, or of a batch; null for inputs as they come
@@ -89,26 +90,7 @@ void prepare(Model& model, std::span<Product> products);
 void multiplyRows(Model& model, const Product& product, size_t first, size_t last, size_t thread);
 
 // Computes every product in one parallel region; all read the same x, of which some may take the
-// first elements only. Then hands each finished run of rows to
-// finish(productIndex, firstRow, lastRow) on the thread that computed it.
-template <size_t kCount, typename Finish>
-void runProducts(Model& model, Product (&products)[kCount], const Finish& finish) {
-  prepare(model, products);
-  size_t firstPiece[kCount + 1] = {};
-  for (size_t p = 0; p < kCount; ++p) {
-    const size_t step = rowsPerPiece(products[p].rows, products[p].rowBytes, model.work.isBatch);
-    firstPiece[p + 1] = firstPiece[p] + (products[p].rows + step - 1) / step;
-  }
-  model.team.forEach(firstPiece[kCount], [&](size_t piece, size_t thread) {
-    size_t p = 0;
-    while (piece >= firstPiece[p + 1]) ++p;
-    const Product& product = products[p];
-    const size_t step = rowsPerPiece(product.rows, product.rowBytes, model.work.isBatch);
-    const size_t first = (piece - firstPiece[p]) * step;
-    const size_t last = std::min(first + step, product.rows);
-    multiplyRows(model, product, first, last, thread);
-    finish(p, first, last);
-  });
-}
+// first elements only.
+void runProducts(Model& model, std::span<Product> products);
 
 }  // namespace qwen35

@@ -76,7 +76,7 @@ struct Q6kBlock {
     const size_t low = 64 * half + element % 64;
     const int nibble = block[low] >> (quarter < 2 ? 0 : 4) & 0x0f;
     const int upper = block[128 + 32 * half + element % 32] >> (2 * quarter) & 3;
-    const int scale = static_cast<int8_t>(block[192 + element / 16]);
+    const auto scale = static_cast<int8_t>(block[192 + element / 16]);
     return halfAt(block + 208) * static_cast<float>(scale * ((nibble | upper << 4) - kCentre));
   }
 };

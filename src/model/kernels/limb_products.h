@@ -62,7 +62,7 @@ constexpr size_t kLimbs = 4;
 
 // Inputs that the limbs of a block have zeros for.
 struct SmallInputs {
-  static constexpr size_t kMost = 12;
+  static constexpr size_t kMost = 12;  // so that all is a cache line
 
   float values[kMost];
   uint8_t elements[kMost];
