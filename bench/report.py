@@ -15,6 +15,7 @@ import sys
 BEGIN, END = "<!-- measured -->", "<!-- end of measured -->"
 MODELS = {"4b-q4_k": "4B, Q4_K and Q6_K", "4b-q8_0": "4B, Q8_0", "1b": "hidden 1024, Q4_K and Q6_K",
           "demo": "demo, hidden 256"}
+PROMPT_OPERATIONS = 7.1e9  # of a token of the 4B shape, without the output matrix
 COLOURS = ["#4269d0", "#efb118", "#3ca951", "#ff725c", "#a463f2", "#6cc5b0"]
 
 
@@ -219,6 +220,28 @@ def model_report(folder, plots):
     return text
 
 
+def multiply_speed(folder, tier, threads):
+    """Operations a second of a tier's yardstick, None when it was not measured."""
+    found = [run["FLOP/s"] / run["of_multiply"] for name, run in runs(folder, "kernels").items()
+             if name.startswith("batch/") and name.endswith(f"/{tier}/threads:{threads}")]
+    return statistics.median(found) if found else None
+
+
+def tier_report(folder):
+    name = "4b-q4_k"
+    every = [load(folder, name + suffix) for suffix in ("-avx2", "-avx512", "")]
+    rows = []
+    for data in filter(None, every):
+        prompt = min(data["prompts"], key=lambda run: abs(run["tokens"] - 512))["tokensPerSecond"]
+        run = min(data["generations"], key=lambda run: run["context"])
+        peak = multiply_speed(folder, data["tier"], data["threads"])
+        rows.append([data["tier"], digits(prompt),
+                     percent(prompt * PROMPT_OPERATIONS / peak) if peak else "",
+                     digits(run["tokensPerSecond"]), percent(run["shareOfPureRead"])])
+    heading = ["", "prompt of 512", "of multiply-adds", "generation", "of pure read"]
+    return f"\n{MODELS[name]}, tokens/s by tier:\n\n" + table(heading, rows) if rows else ""
+
+
 def text_report(folder):
     results = runs(folder, "text")
     if not results:
@@ -254,8 +277,8 @@ def main():
     folder = sys.argv[1]
     page = sys.argv[2] if len(sys.argv) > 2 else os.path.join(folder, "report.md")
     plots = os.path.dirname(page) or "."
-    text = (kernel_report(folder, plots) + model_report(folder, plots) + text_report(folder) +
-            surroundings_report(folder))
+    text = (kernel_report(folder, plots) + model_report(folder, plots) + tier_report(folder) +
+            text_report(folder) + surroundings_report(folder))
     if len(sys.argv) > 2:
         with open(page, encoding="utf-8") as file:
             before, rest = file.read().split(BEGIN)

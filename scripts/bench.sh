@@ -33,6 +33,17 @@ measure_model() {
     --gen-tokens "$3" >"$results/$1.json"
 }
 
+# The same, but shorter, on the vector tiers by themselves, those that the machine has: name and file.
+measure_tiers() {
+  local tier
+  for tier in avx2 avx512; do
+    "$orb" bench --help | grep -q "here: .*$tier" || continue
+    say "model $1, tier $tier"
+    "$orb" bench "$2" --isa "$tier" --json --prompt-tokens 512 --contexts 16 \
+      --gen-tokens 16 >"$results/$1-$tier.json"
+  done
+}
+
 # The same beside another process: name and file.
 measure_shared() {
   say "shared machine $1"
@@ -54,7 +65,10 @@ synthesize() {
 measure_models() {
   measure_model demo models/demo.orb 64
   if synthesize 1b 1 --shape 1b; then measure_model 1b "$results/1b.orb" 32; fi
-  if synthesize 4b-q4_k 3 --shape 4b; then measure_model 4b-q4_k "$results/4b-q4_k.orb" 16; fi
+  if synthesize 4b-q4_k 3 --shape 4b; then
+    measure_model 4b-q4_k "$results/4b-q4_k.orb" 16
+    measure_tiers 4b-q4_k "$results/4b-q4_k.orb"
+  fi
   if synthesize 4b-q8_0 5 --shape 4b --type q8_0; then
     measure_model 4b-q8_0 "$results/4b-q8_0.orb" 16
   fi
